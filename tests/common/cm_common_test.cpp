@@ -1,0 +1,68 @@
+#include "cm_common.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "cm_signal.h"
+
+TEST(CopyCut, CutsAtTheArraySizeAndTerminates) {
+  char small[5];
+  CopyCut(small, "abcdefgh");
+  EXPECT_STREQ(small, "abcd");
+  CopyCut(small, "");
+  EXPECT_STREQ(small, "");
+  char exact[4];
+  CopyCut(exact, "abc");
+  EXPECT_STREQ(exact, "abc");
+}
+
+TEST(CappedText, CutsLikeTheFixedFieldItReplaces) {
+  CappedText<1024> name(std::string(2000, 'x'));
+  EXPECT_EQ(name.size(), 1023u);
+  name = "short";
+  EXPECT_EQ(name, "short");
+  EXPECT_STREQ(name.c_str(), "short");
+}
+
+TEST(ExitState, PrintsTheStateNames) {
+  EXPECT_STREQ(exit_state_name(KD_SUCCESS), "SUCCESS");
+  EXPECT_STREQ(exit_state_name(KD_WARNING), "WARNING");
+  EXPECT_STREQ(exit_state_name(KD_ERROR), "ERROR");
+  EXPECT_STREQ(exit_state_name(KD_FATAL), "FATAL");
+  EXPECT_STREQ(exit_state_name(KD_ROLLBACK), "ROLLBACK");
+}
+
+TEST(UniqueFd, ClosesOnDestructionAndMovesOwnership) {
+  int raw;
+  {
+    UniqueFd fd(::open("/dev/null", O_RDONLY));
+    raw = fd.get();
+    ASSERT_GE(raw, 0);
+    UniqueFd moved(std::move(fd));
+    EXPECT_FALSE(fd.valid());
+    EXPECT_EQ(moved.get(), raw);
+  }
+  EXPECT_EQ(::fcntl(raw, F_GETFD), -1);
+}
+
+TEST(ScopedSigBlock, RestoresTheMaskUnlessKept) {
+  sigset_t set, now;
+  sigemptyset(&set);
+  sigaddset(&set, SIGUSR1);
+  {
+    ScopedSigBlock block(set);
+    sigprocmask(SIG_SETMASK, nullptr, &now);
+    EXPECT_TRUE(sigismember(&now, SIGUSR1));
+  }
+  sigprocmask(SIG_SETMASK, nullptr, &now);
+  EXPECT_FALSE(sigismember(&now, SIGUSR1));
+  {
+    ScopedSigBlock block(set);
+    block.KeepBlocked();
+  }
+  sigprocmask(SIG_SETMASK, nullptr, &now);
+  EXPECT_TRUE(sigismember(&now, SIGUSR1));
+  sigprocmask(SIG_UNBLOCK, &set, nullptr);
+}
