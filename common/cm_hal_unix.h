@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <string_view>
 
 /// Finds the path of the ini file named by name ("KD_INI") in the bootstrap
 /// files ($KD_INI, "/etc/opt/kelda/kelda.ini", "/etc/kelda2000.ini"). A name
@@ -20,11 +21,18 @@ void cm_set_bootstrap_files_for_tests(const char* first_fixed, const char* secon
 /// buffer's text, 'd' delete, 'l' list names, 'L' list names and values.
 /// Every "/" and "\" of name is replaced by "_" in place. buffer holds at
 /// least 512 bytes and receives the answer; "??" means unset or failed.
+/// A write moves a whole file of this process to "<name>.sgv.tmp" and that
+/// over "<name>.sgv", so readers see the old or a new value, never a part.
+/// The gv_rw_glbv directory is read at the first call and kept.
 char* glbv(char service, char* name, char* buffer);
 
 /// Forgets the cached gv_rw_glbv directory, so that the next glbv call reads
 /// it from the configuration again (tests with several instances).
 void glbv_forget_directory();
+
+/// The file pattern of the glbv services "d", "l" and "L": "?" stands for one
+/// character, "*" for any run, "|" separates alternatives.
+bool glbv_pattern_match(std::string_view pattern, std::string_view name);
 
 /// Takes the lock file "%ssem/%s.lock" of gv_rw_work: mode '*' shared,
 /// '+' exclusive for the life of the process, any other mode a test.

@@ -20,7 +20,12 @@ struct sPROT {
 };
 
 /// Writes one protocol message. The format begins with a 12-character tag
-/// ("W003-BASICS "), one blank and the text. Never fails towards the caller.
+/// ("W003-BASICS "), one blank and the text. Lines go to the file named by
+/// the global variable gv_prot (standard output while it is unset), those of
+/// kind "E" and the first line of kind "A" also to gv_prot + ".err" (standard
+/// error while it is unset), and all to the additional file if one is given.
+/// Never fails towards the caller; a bad tag or an overlong text is noted as
+/// a W999 or E999 line.
 void FPROT(const sPROT* additional, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /// One message in the languages the system keeps it in. fr may be null.
@@ -39,9 +44,9 @@ inline const char* msg_text(const MsgSet& set) { return msg_text(set, eLang); }
 
 /// "E003-BASICS  %s > %s not yet existing - please restart ORL kelda." (caller, key)
 extern const MsgSet MSG_E003_NOT_EXISTING;
-/// "W003-BASICS  Command execution produced a warning: %s > %s"
+/// "W003-BASICS  Command execution produced a warning: %s > %s" (text, detail)
 extern const MsgSet MSG_W003_CMD_WARNING;
-/// "Fatal software error FILE=%s LINE=%d (%s)"
+/// "Fatal software error FILE=%s LINE=%d (%s)" (source, line, reason); no tag
 extern const MsgSet MSG_FATAL_SOFTWARE_ERROR;
 /// "?? invalid service %c"
 extern const MsgSet MSG_GLBV_INVALID_SERVICE;
@@ -51,7 +56,8 @@ extern const MsgSet MSG_GLBV_INVALID_SERVICE;
 // ---------------------------------------------------------------------------
 
 /// Reads one key of a section of an ini file (section empty or null: anywhere).
-/// 1 found / 0 not found; err always receives a text (empty on success).
+/// 1 found / 0 not found (value empty); err always receives a text (empty on
+/// success). A "%(name)" chain deeper than 16 references counts as a loop and fails.
 int i_GetPrivateProfileString(const char* file, const char* section, const char* key, char* value,
                               std::size_t value_size, char* err, std::size_t err_size);
 
@@ -60,8 +66,9 @@ int i_GetPrivateProfileString(const char* file, const char* section, const char*
 int i_READ_INI(const char* ini_name, const char* section, const char* key, char* value,
                std::size_t value_size, char* err, std::size_t err_size);
 
-/// Reads every key "key#..." of a section of a file into list, in file order;
-/// returns the number of values.
+/// Reads every key "key#..." of a section of a file into list (cleared
+/// first), in file order; values as written, empty ones left out, "%(name)"
+/// not resolved. Returns the number of values.
 int i_GetPrivateProfileList(const char* file, const char* section, const char* key,
                             std::vector<std::string>& list, char* err, std::size_t err_size);
 
@@ -74,14 +81,17 @@ struct IniDict {
   struct Entry {
     std::string section;  ///< lower-cased, without brackets; "" for keys before any section
     std::string key;      ///< lower-cased
-    std::string value;
+    std::string value;    ///< as written, trailing blanks removed; "%(name)" not resolved
+    std::string section_text;  ///< the section as written in its header, for writing back
+    std::string key_text;      ///< the key as written, for writing back
   };
   std::vector<Entry> entries;
   /// Pointer to the entry "section:key", or nullptr.
   Entry* find(const std::string& section, const std::string& key);
   /// Sets or adds the entry; false on a bad name.
   bool set(const std::string& section, const std::string& key, const std::string& value);
-  /// Writes the whole dictionary to a file; false if it cannot be written.
+  /// Writes the whole dictionary to a file (a whole copy renamed into place
+  /// where possible); false if it cannot be written.
   bool write(const char* file) const;
 };
 
@@ -89,6 +99,8 @@ struct IniDict {
 std::unique_ptr<IniDict> p_PARSE_INI(const char* ini_name, char* err, std::size_t err_size);
 
 /// Sets one key in an ini file; flag 'o' overwrites an existing value. 1 / 0.
+/// An ini name holding "/" is the file itself; any other is resolved like
+/// i_READ_INI. A file that does not exist yet is created.
 int i_change_ini(const char* ini_name, const char* section, const char* key, const char* value,
                  char flag);
 
@@ -116,18 +128,33 @@ bool b_is_glbv_set(const char* name);
 // ---------------------------------------------------------------------------
 
 /// The time function. The buffer (at least 25 bytes) holds a command on entry
-/// ("N", "I", "U", or a shift "D %d", "H %d", "M %d", "S %d", "T", "Y",
-/// optionally after a base time) and the result on return.
+/// and the result on return. Its first character selects: "N" the current
+/// time as compact stamp with milliseconds (17 digits), "I" as compact stamp
+/// (14 digits), "U" like "N" but local standard time (no daylight saving).
+/// Anything else shifts a base time and gives the readable form (19
+/// characters): the base is now, or the readable time "%Y-%m-%d %H:%M:%S" and
+/// a blank, or the stamp "%Y%m%d_%H%M%S" and a blank, in front of the shift
+/// ("D %d" days, "H %d" hours, "M %d" minutes, "S %d" seconds, "T" tomorrow,
+/// "Y" yesterday; anything else leaves the base). A result that does not fit
+/// the calendar (beyond the year 9999 or before the year 1) becomes the end
+/// of the epoch, 2147483647.
 char* time_get(char* buffer);
 
-/// Parses a time text in one of the server's notations into tm; the position
-/// behind the parsed text, or nullptr.
+/// Parses a time text in one of the server's notations ("%Y%m%d%H%M%S",
+/// "%Y%m%d", "%Y-%m-%d %H:%M:%S", "%Y-%m-%d", tried in this order; with a "_"
+/// in the text its 11th character counts as a blank) into tm. Fields the
+/// notation does not carry (the time of day of a date) are left as they are.
+/// Returns the position in text behind the parsed part, or nullptr.
 const char* cm_convert_time(const char* text, struct tm* tm);
 
-/// Converts a time text in place to the compact stamp; the new length.
+/// Converts a time text in place to the compact stamp "%Y%m%d%H%M%S"; the
+/// buffer holds at least 20 bytes. Returns the new length, or 0 (buffer
+/// unchanged) when the text cannot be converted.
 int cm_time_iso2stamp(char* buffer);
-/// Converts a time text in place to the readable form; the new length
-/// (0 for an empty text or "NULL", which stay as they are).
+/// Converts a time text in place to the readable form "%Y-%m-%d %H:%M:%S";
+/// the buffer holds at least 20 bytes. Returns the new length, or 0 (buffer
+/// unchanged) for an empty text, "NULL" or a text that cannot be converted.
+/// A date alone gives that day at 00:00:00.
 int cm_time_stamp2iso(char* buffer);
 
 /// The current local time as "%Y-%m-%d %H:%M:%S" (one static buffer).

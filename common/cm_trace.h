@@ -40,10 +40,14 @@ void v_set_log_main_with_pid(const char* log_name, const char* module, str_log* 
 /// Sets level and verbosity of a record (and of strLocalLog if it is the first log).
 void v_set_log(int level, int verbose, str_log* rec);
 
-/// Closes the file handles of the record (and of strLocalLog where shared).
+/// Closes the file handles of the record; given the first log, also the
+/// handle of strLocalLog, so that afterwards no trace stream of the process
+/// is open (call it before fork). The next line reopens the file.
 void v_set_log_all_close(str_log* rec);
 
-/// Moves the record's log file to a new name (appending to an existing file).
+/// Moves the record's log file to a new name in gv_rw_lgc (renaming it, or
+/// appending it to an existing file of that name); the record and strLocalLog
+/// take the new path.
 void v_set_log_mover(str_log* rec, const char* new_name);
 
 /// The level of the name in debug.ini of gv_rw_ini, or 0.
