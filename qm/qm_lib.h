@@ -98,13 +98,19 @@ using QmUsageFn = void (*)();
 /// including the command word. Also stores the mode through mode_out (if given).
 int iGET_COMMAND_CODE(const char* command, const char* argument, int words, int* mode_out);
 
-/// Takes the general options (-h, -v level) off the command line, shifting
+/// Takes the general options (-h, -v level; "-e" is accepted and ignored)
+/// that directly follow the command word off the command line, shifting
 /// argc/argv in place so that argv[0] is the command word and argv[1] its
-/// first argument; returns the mode.
+/// first argument; returns the mode (invalid_mode when there is no word).
+/// Too few words call gERROR with an empty text; -h and an unknown word call gUSAGE.
 int qm_lib_check_args(int* argc, char*** argv, int trace_level);
 
 // ---------------------------------------------------------------------------
 // Client library
+//
+// One request at a time per process (the answer pipe is named after the pid).
+// The trace_level arguments are kept for the callers; what is traced follows
+// the level of the process's trace log.
 // ---------------------------------------------------------------------------
 
 /// Path of the request pipe and of the own answer pipe.
@@ -122,11 +128,28 @@ extern QmUsageFn gUSAGE;
 /// 0 on success, 1 when gv_rw_qm is not configured.
 int qm_lib_init(QmErrorFn error, QmUsageFn usage, int trace_level);
 
-/// Sends one request; 0 sent and answer pipe open, -1 failure.
+/// Builds to_qm ("%scom%sto_qm_pipe") and from_qm ("%scom%sfrom_qm_pipe%d" with
+/// the own pid) from the queue manager's directory (a missing trailing "/" is added).
+void qm_lib_set_pipe_names(const char* qm_dir);
+
+/// Opens path with retries: write-only when mode begins with "w", else
+/// read-only, non-blocking when asked. Up to 20000 tries 100 microseconds
+/// apart; stops at once on ENOENT or EACCES. On success the stream (mode
+/// mode) and its descriptor in *fd; on failure nullptr, *fd = -1, and the
+/// error callback has been told "no answer from kd_qm_main (open pipe failed)".
+FILE* fileopen(const char* path, const char* mode, bool non_blocking, int* fd);
+
+/// Sends one request "%d %d %s" (mode, own pid, trimmed arguments) and waits
+/// until the daemon's writer has reached the own answer pipe. 0 sent and
+/// answer pipe open (iFdFromQm), -1 failure (reported through gERROR).
+/// alarm_handler is installed for SIGALRM (nullptr keeps the current one);
+/// the alarm of giTimeout seconds bounds the exchange and is cancelled on return.
 int qm_lib_send_cmd(int mode, const char* arguments, void (*alarm_handler)(int), int trace_level);
 
 /// Reads the whole answer, printing it to standard output; the return code 0/1/2 (or -1).
 int qm_lib_get_answer(int trace_level);
+/// The reader behind qm_lib_get_answer.
+int qm_lib_get_answer_unix(int trace_level);
 
 /// Reads the next piece of the answer into buffer; characters read, 0 at end, -1 on error.
 int qm_lib_get_answer_buff(char* buffer, int size, int trace_level);

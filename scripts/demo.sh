@@ -1,12 +1,112 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the daemon on a self-contained
-# instance directory (demo/) with a short demonstration.
+# instance directory (demo/) with a short demonstration. The daemon keeps
+# running afterwards; the last lines say how to stop it. Nothing is written
+# outside the repository (no file under /etc).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+repo="$PWD"
+
 scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$(nproc)"
-if [ ! -x build/qm/kd_qm_main ]; then
+if [ ! -x build/qm/kd_qm_main ] || [ ! -x build/qm/kd_qm ]; then
   echo "The daemon kd_qm_main has not landed yet; the common runtime is built and tested by scripts/test.sh."
   exit 0
 fi
+
+demo="$repo/demo"
+daemon="$repo/build/qm/kd_qm_main"
+front="$repo/build/qm/kd_qm"
+pidfile="$demo/kd_qm_main.pid"
+export KD_INI="$demo/kelda.ini"
+
+# A daemon left running by an earlier demo is stopped first: one instance
+# directory, one daemon.
+if [ -f "$pidfile" ]; then
+  old=$(cat "$pidfile")
+  if [ -n "$old" ] && kill -0 "$old" 2>/dev/null &&
+     tr '\0' ' ' <"/proc/$old/cmdline" 2>/dev/null | grep -q kd_qm_main; then
+    echo "stopping the daemon of an earlier demo (pid $old)"
+    "$front" shutdown >/dev/null 2>&1 || true
+    for _ in $(seq 50); do kill -0 "$old" 2>/dev/null || break; sleep 0.1; done
+    if kill -0 "$old" 2>/dev/null; then kill -TERM "$old" 2>/dev/null || true; sleep 1; fi
+    kill -KILL "$old" 2>/dev/null || true
+  fi
+  rm -f "$pidfile"
+fi
+
+# The instance: bootstrap file, kd.ini with every directory, debug.ini.
+mkdir -p "$demo"/{ini,log,glbv,work/sem,qm/com,bin}
+cat >"$demo/kelda.ini" <<EOF
+# bootstrap file of the demo instance
+KD_INI=$demo/ini/kd.ini
+EOF
+cat >"$demo/ini/kd.ini" <<EOF
+[Pathes]
+gv_rw_lgc=$demo/log/
+gv_rw_ini=$demo/ini/
+gv_rw_glbv=$demo/glbv/
+gv_rw_work=$demo/work/
+gv_rw_qm=$demo/qm/
+gv_ro_bin=$demo/bin/
+gv_rw_bin=$demo/bin/
+EOF
+cat >"$demo/ini/debug.ini" <<EOF
+KD_QM_MAIN=1
+KD_QM=0
+EOF
+
+# The daemon in the foreground ("-d"), in a session of its own so that it
+# outlives this script; its pid is the daemon's.
+started=0
+daemon_pid=""
+cleanup() {
+  if [ "$started" -ne 1 ] && [ -n "$daemon_pid" ]; then
+    kill -TERM "$daemon_pid" 2>/dev/null || true
+    for _ in $(seq 30); do kill -0 "$daemon_pid" 2>/dev/null || break; sleep 0.1; done
+    kill -KILL "$daemon_pid" 2>/dev/null || true
+    rm -f "$pidfile"
+  fi
+}
+trap cleanup EXIT
+
+setsid "$daemon" -d >"$demo/log/kd_qm_main.out" 2>&1 </dev/null &
+daemon_pid=$!
+echo "$daemon_pid" >"$pidfile"
+
+ready=0
+for _ in $(seq 100); do
+  if ! kill -0 "$daemon_pid" 2>/dev/null; then break; fi
+  if [ -p "$demo/qm/com/to_qm_pipe" ]; then ready=1; break; fi
+  sleep 0.05
+done
+if [ "$ready" -ne 1 ]; then
+  echo "kd_qm_main did not start; its output:" >&2
+  cat "$demo/log/kd_qm_main.out" >&2 || true
+  exit 1
+fi
+
+echo "kd_qm_main runs as pid $daemon_pid on the instance $demo"
+echo
+echo "\$ kd_qm process_signal"
+set +e
+"$front" process_signal
+rc=$?
+set -e
+echo "(exit code $rc)"
+if [ "$rc" -ne 0 ]; then
+  echo "the request was not answered with Ok" >&2
+  exit 1
+fi
+started=1
+
+cat <<EOF
+
+The daemon keeps running. Talk to it with the front end (kd_qm -h lists the commands):
+  export KD_INI=$KD_INI
+  $front process_signal
+Stop it with:
+  KD_INI=$KD_INI $front shutdown
+Its trace log and output are in $demo/log/.
+EOF

@@ -1,0 +1,45 @@
+// Writing answers into the answer pipes of the daemon's clients.
+//
+// An answer is one status digit ("0" Ok, "1" Warning, "2" Error) followed by
+// free text, by convention records "STATUS=<state> MSG=<text>\n"; the end of
+// the answer is the writer's close of the pipe.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdio>
+
+#include "qm_lib.h"
+
+struct QueueTriple;
+
+/// Opens the answer pipe of the requester pid ("from_qm_pipe<pid>" below
+/// gszQmDir + "com/"; pid 0 means the pipe of the request being served)
+/// write-only and non-blocking, retrying 20 times 100 ms apart while no
+/// reader has it open. Returns the descriptor (close-on-exec) or -1 with
+/// errno kept.
+int iOpen_From_QM_Pipe(long pid);
+
+/// Waits at most one second for the stream's descriptor to take data, then
+/// formats and writes. Returns the number of characters written. Ends the
+/// process with exit code 1 when the wait itself fails.
+int pipe_printf(FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/// One-shot answer: formats the text (cut at the format's length + 1024
+/// characters) and hands the writing to a forked child, so that the daemon
+/// never waits for a slow client. Nothing happens for a peer that is not
+/// valid. Returns the child's pid, or 0 when no child was started.
+pid_t answer(const HPEER* peer, int status, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+/// Multi-part answer written by the calling process itself. The first call
+/// (iStatusFlag 0) opens the pipe and writes the status digit; every call
+/// writes the text (if given) and the view of the triple (if given) that the
+/// selector names; a call with iStatusFlag 2 writes the text plus a line feed
+/// and closes the answer.
+void answer_wildcard(HPEER* peer, int status, const char* text, QueueTriple* triple,
+                     char selector);
+
+/// Path of the answer pipe of a requester: "%scom%sfrom_qm_pipe%ld" of
+/// gszQmDir, "/" and the pid.
+void BuildAnswerPipePath(long pid, char (&path)[1024]);
