@@ -1,0 +1,231 @@
+// Job processes with tiny real /bin/sh jobs: the decoding of a child's end,
+// follow-up arguments, the argument limit, stopping, grandchildren, and the
+// restart policy under a test clock.
+#include "kd_hal_qm.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "cm_trace.h"
+#include "kd_test_support.h"
+#include "qm_common.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kdtest::ReadFile;
+using kdtest::WaitFor;
+
+time_t gTestNow = 1000;
+time_t TestNow() { return gTestNow; }
+
+class JobProcessTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    CopyCut(strLocalLog.szLogFile, inst_.lgc() + "trace.log");
+    strLocalLog.iLogLevel = 3;
+    SetKdQmExitLog("20260513");
+    queue_.name = "q1";
+    queue_.pCounter = &counter_;
+    eQMOptions = follow_up;
+  }
+  void TearDown() override {
+    while (Node* n = RemHead(&queue_.ListOfJobs)) {
+      DestroyJob(ElementOf<Job>(n)->pFollowUpJob);
+      DestroyJob(ElementOf<Job>(n));
+    }
+    // Every job group we started is killed and its leader reaped.
+    for (pid_t pid : pids_) {
+      int status = 0;
+      if (pid <= 0) continue;
+      const pid_t r = waitpid(pid, &status, WNOHANG);
+      if (r < 0) continue;  // reaped by JobControl, which killed the group
+      kill(-pid, SIGKILL);
+      if (r == 0) {
+        EXPECT_TRUE(WaitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 5s));
+      }
+    }
+    eQMOptions = 0;
+    gQmNow = QmSystemNow;
+    gszKdQmExitLog[0] = '\0';
+    strLocalLog.szLogFile[0] = '\0';
+    strLocalLog.iLogLevel = 0;
+  }
+
+  /// A job of the program; with a script its arguments are "-c" and the script.
+  static Job* NewJob(const std::string& program, const std::string& script = "") {
+    auto* job = new Job{};
+    job->EntryNumb = 7;
+    job->job_name = "j";
+    job->file_name = program;
+    if (!script.empty() && (jobAddArg_str(job, "-c") != 0 || jobAddArg_str(job, script.c_str()) != 0))
+      ADD_FAILURE() << script;
+    return job;
+  }
+  Job* ShJob(const std::string& script) { return NewJob("/bin/sh", script); }
+  static void AddCondition(Job* job, int code, int burst, int interval) {
+    AddTail(&job->ListOfJobRestartConditions, NodeOf(new JobRestartCondition{{}, code, burst, interval}));
+  }
+  /// A follow-up that writes its $0 and $@ into the file "args", one a line.
+  Job* ArgsWriter() { return ShJob("printf '%s\\n' \"$0\" \"$@\" > " + File("args")); }
+  void Track(int64_t pid) { pids_.insert(static_cast<pid_t>(pid)); }
+  void Start(Job* job) {
+    job->PID = runjob(job);
+    Track(job->PID);
+    AddTail(&queue_.ListOfJobs, NodeOf(job));
+  }
+  /// Runs JobControl passes until cond holds (10 s at most).
+  bool PassUntil(const std::function<bool()>& cond) {
+    auto pass = [&] {
+      WalkList(&queue_.ListOfJobs, JobControl, &queue_, nullptr);
+      for (Job* j : Elements<Job>(queue_.ListOfJobs)) Track(j->PID);
+      return cond();
+    };
+    return WaitFor(pass, 10s);
+  }
+  std::string File(const std::string& name) const { return inst_.root() + "/" + name; }
+  bool QueueEmpty() const { return queue_.ListOfJobs.Head == nullptr; }
+  /// Exit-log lines without time stamp, with PIDs and start times masked.
+  std::vector<std::string> ExitLog() const {
+    static const std::regex pid(";PID:[0-9]+;"), start(";start:[0-9-]+ [0-9:]+;");
+    std::vector<std::string> lines;
+    std::istringstream in(ReadFile(gszKdQmExitLog));
+    for (std::string line; std::getline(in, line);)
+      lines.push_back(std::regex_replace(std::regex_replace(line.substr(20), pid, ";PID:*;"), start, ";start:*;"));
+    return lines;
+  }
+
+  kdtest::TestInstance inst_;
+  Queue queue_;
+  Counter counter_;
+  std::set<pid_t> pids_;
+};
+
+TEST_F(JobProcessTest, SignalDeathRestartsOnCode142ThenTheFollowUpGetsMinus15AndTheWholeCommand) {
+  Job* job = ShJob("kill -TERM $$");
+  AddCondition(job, 142, 1, 0);
+  job->pFollowUpJob = ArgsWriter();
+  Start(job);
+  ASSERT_TRUE(PassUntil([&] { return QueueEmpty(); }));
+  EXPECT_EQ(ReadFile(File("args")), "-i\n-15\n-d\nq1\n--\nsh\n-c\nkill -TERM $$\n");
+  const std::string end = "CTX:7;PID:*;name:j;submit:00-00-00 00:00:00;start:*;";
+  const std::string killed = end + "Job terminated with signal [exit code: 15];\"/bin/sh\" -c kill -TERM $$;";
+  EXPECT_EQ(ExitLog(), (std::vector<std::string>{
+                           killed, "CTX:7;PID:*;name:jJob restart", killed,
+                           "CTX:7;PID:*;name:jJob not restarted - job restarts too often (too many restarts)",
+                           end + "Job exited with status [exit code: 0];\"/bin/sh\" -c printf '%s\\n' \"$0\" \"$@\" > " +
+                               File("args") + " -i -15 -d q1 -- sh -c kill -TERM $$;"}));
+  // Only the follow-up's end frees the place; the counter follows the queue.
+  EXPECT_EQ(queue_.current_job_limit, 1);
+  EXPECT_EQ(counter_.current_job_limit, 1);
+}
+
+TEST_F(JobProcessTest, ExecFailureEndsWith127AndAFollowUpInQueueSingleGetsNoQueuePair) {
+  queue_.name = "single";
+  Job* job = NewJob("/nonexistent/program");
+  job->pFollowUpJob = ArgsWriter();
+  Start(job);
+  ASSERT_TRUE(PassUntil([&] { return QueueEmpty(); }));
+  EXPECT_EQ(ReadFile(File("args")), "-i\n127\n");  // no "--" either: the job had no arguments
+  EXPECT_NE(ExitLog()[0].find("Job exited with status [exit code: 127]"), std::string::npos);
+}
+
+TEST_F(JobProcessTest, FourHundredArgumentsKeepTheLastInEntry309AndWarnOnce) {
+  inst_.write_glbv("gv_prot", File("prot.log"));
+  Job* job = ShJob("printf '%s\\n' \"$0\" \"$@\" > " + File("out"));
+  for (int i = 3; i <= 400; ++i) jobAddArg_str(job, ("a" + std::to_string(i)).c_str());
+  ASSERT_EQ(job->arg_count, 400);
+  Start(job);
+  const std::string prot = ReadFile(File("prot.log"));
+  EXPECT_NE(prot.find("QueueManager Submit: Argument index reached max value > 309"), std::string::npos) << prot;
+  EXPECT_EQ(prot.find("W003"), prot.rfind("W003")) << prot;
+  ASSERT_TRUE(PassUntil([&] { return QueueEmpty(); }));
+  // $0 is argument 3; arguments 3..308 fill entries up to 308, entry 309 holds the last.
+  std::string expected;
+  for (int i = 3; i <= 308; ++i) expected += "a" + std::to_string(i) + "\n";
+  EXPECT_EQ(ReadFile(File("out")), expected + "a400\n");
+}
+
+TEST_F(JobProcessTest, AGrandchildDiesWithItsJob) {
+  Start(ShJob("sleep 60 & echo $! > " + File("gc") + "; exit 0"));
+  ASSERT_TRUE(PassUntil([&] { return QueueEmpty(); }));
+  const std::string proc = "/proc/" + std::to_string(std::stoi(ReadFile(File("gc")))) + "/stat";
+  // Gone, or a zombie waiting for a reaper that is not us.
+  EXPECT_TRUE(WaitFor([&] { return ReadFile(proc).empty() || ReadFile(proc).find(") Z ") != std::string::npos; }, 5s));
+}
+
+TEST_F(JobProcessTest, StopControlOnAJobIgnoringSigintKillsItAndFreesThePlace) {
+  Job* job = ShJob("trap '' INT; echo ready > " + File("ready") + "; while :; do sleep 1; done");
+  Start(job);
+  ASSERT_TRUE(WaitFor([&] { return kdtest::Exists(File("ready")); }, 10s));
+  JobStopControl(job, &queue_, 1);
+  // Reaped at once after SIGKILL, or found by the next pass as signal 9.
+  ASSERT_TRUE(PassUntil([&] { return QueueEmpty(); }));
+  const std::string last = ExitLog().back();
+  EXPECT_TRUE(last.find("Terminated with SIGKILL [exit code: 0]") != std::string::npos ||
+              last.find("Job terminated with signal [exit code: 9]") != std::string::npos)
+      << last;
+  EXPECT_EQ(queue_.current_job_limit, 1);
+}
+
+TEST_F(JobProcessTest, RestartBurstAndSlidingWindowBoundaries) {
+  gQmNow = TestNow;
+  gTestNow = 1000;
+  Job* job = ShJob("exit 0");
+  AddCondition(job, 3, 2, 60);
+  AddCondition(job, 3, 10, 0);
+  AddCondition(job, 5, 1, 0);
+  AddCondition(job, 0, 5, 0);
+  auto restart = [&](int64_t code) {
+    const int32_t pid = JobRestart(job, code);
+    Track(pid);
+    return pid;
+  };
+  EXPECT_EQ(restart(0), 0);  // a clean end never restarts, even with a condition for 0
+  EXPECT_GT(restart(3), 0);
+  EXPECT_GT(restart(3), 0);
+  gTestNow = 1059;  // third within the window: refused (only the first condition for 3 counts)
+  EXPECT_EQ(restart(3), 0);
+  gTestNow = 1060;  // elapsed == interval: neither refused nor the oldest dropped
+  EXPECT_GT(restart(3), 0);
+  EXPECT_EQ(CountList(&job->ListOfRestartTimes), 3);
+  gTestNow = 1061;  // past the window: one oldest time is dropped
+  EXPECT_GT(restart(3), 0);
+  EXPECT_EQ(CountList(&job->ListOfRestartTimes), 3);
+  // Without a window the burst counts every restart of the job's life.
+  EXPECT_EQ(restart(5), 0);
+  const std::string refused = "CTX:7;PID:*;name:jJob not restarted - job restarts too often (too many restarts";
+  EXPECT_EQ(ExitLog()[2], refused + " in time window)");
+  EXPECT_EQ(ExitLog().back(), refused + ")");
+  DestroyJob(job);
+}
+
+TEST_F(JobProcessTest, PendingStateRunAddsDashDAndTheCodeUnlessItIsZero) {
+  Job* job = ArgsWriter();
+  job->stopJobExecutable = "/bin/kill_it";
+  RunWithPendingStateExitCode(job);  // the default -2 runs it
+  Track(job->PID);
+  ASSERT_TRUE(WaitFor([&] { return ReadFile(File("args")) == "-d\n-2\n"; }, 10s));
+  EXPECT_TRUE(job->stopJobExecutable.empty());
+  DestroyJob(job);
+
+  job = ArgsWriter();
+  SetPendingStateExitCode(NodeOf(job), const_cast<char*>("0"), nullptr);
+  RunWithPendingStateExitCode(job);
+  EXPECT_EQ(job->PID, 0);
+  EXPECT_EQ(job->arg_count, 2);
+  DestroyJob(job);
+}
+
+}  // namespace
