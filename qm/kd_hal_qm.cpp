@@ -85,6 +85,10 @@ void NotifyPeers(Job* job, const char* format, ...) {
 
 /// kill(2) that is not interrupted by our own signals.
 int KillGroup(int64_t pid, int sig) {
+  if (pid <= 0) {  // never our own group, never every process
+    errno = ESRCH;
+    return -1;
+  }
   int r;
   do {
     r = kill(static_cast<pid_t>(-pid), sig);
@@ -94,6 +98,7 @@ int KillGroup(int64_t pid, int sig) {
 
 /// Non-blocking wait for the job's own child only.
 pid_t ReapJob(int64_t pid, int* status) {
+  if (pid <= 0) return 0;  // waitpid(0 or -1) would reap children that are not this job's
   pid_t r;
   do {
     r = waitpid(static_cast<pid_t>(pid), status, WNOHANG);
@@ -288,6 +293,17 @@ void JobControl(Node* node, void* queue_arg, void*) {
   trace("%l3 [CTX:%d] JobControl: current queue %s original queue %s pid: %d", iContext, queue->name.c_str(),
         job->resourceTaken.c_str(), static_cast<int>(job->PID));
   if (job->PID == 0) return;
+  if (job->PID < 0) {
+    // Its start failed (runjob gave -1): there is no process to wait for, and
+    // waitpid(-1) or kill(1) must never be reached. It ends here as a job
+    // that exited with 127, like one whose program cannot be executed.
+    trace("%l1 [CTX:%d] JobControl: job [%s] has no process (start failed)", iContext, job->job_name.c_str());
+    AppendJobTerminationReasonExitStatus(job, "Job exited with status", 127);
+    job->PID = 0;
+    if (JobRestart(job, 127) <= 0) EndJob(job, queue, 127);
+    SyncCounter(queue);
+    return;
+  }
 
   int status = 0;
   if (ReapJob(job->PID, &status) == static_cast<pid_t>(job->PID)) {
