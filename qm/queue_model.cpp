@@ -155,6 +155,9 @@ QueueTriple* CreateQueTriple(std::string_view name, std::string_view resources, 
 void RemoveResourceQue(Queue* queue, List* list) {
   trace("%l2 +++ RemoveResourceQue %s", queue->name.c_str());
   for (Job* job : Elements<Job>(queue->ListOfJobs)) JobStopControl(job, queue, 1);
+  // A job that was not reaped right after its SIGKILL must not go down with
+  // its queue: the terminating queue reaps it on the next pass.
+  for (Job* job : Elements<Job>(queue->ListOfJobs)) JobToAdminQueueTerminate(job, queue);
   DestroyPriorityList(&queue->ListOfJobLimitsByJobPriority);
   RemNode(list, NodeOf(queue));
   delete queue;
@@ -170,7 +173,13 @@ void terminate_waiting_jobs(List* jobs) {
     RemNode(jobs, NodeOf(job));
     const int code = job->iPendingStateExitCode;
     JobToAdminQueueTerminate(job, nullptr);
-    if (code != 0) RunWithPendingStateExitCode(job);
+    if (code != 0) {
+      RunWithPendingStateExitCode(job);
+    } else {
+      // Code 0: the job is not to run at all. It would never end in the
+      // terminating queue (it has no process), so it is removed there.
+      RemJob(job, gAdminQueue != nullptr ? &gAdminQueue->TerminatingQueue.ListOfJobs : nullptr);
+    }
   }
 }
 
