@@ -17,6 +17,8 @@ constexpr const char* kSubmitArgs =
     "[-K KILL_PROGRAM] [-S HARD[/SOFT]] [-e EXIT_CODE] [-R CODE[:BURST[:INTERVAL]],...] "
     "[-G NAME=VALUE,...] [-u restricted] EXECUTABLE [ARGS...] [-- FOLLOW-UP JOB]";
 
+constexpr const char* kJobArgs = "JOB_NAME|ENTRY|PID [SEQ] | NAME_PATTERN | QUEUE/ [csv] | all [csv]";
+
 str_log gKdQmLog;
 bool gTooFewWords = false;
 bool gUsageWanted = false;
@@ -63,7 +65,7 @@ const std::array<KdQmCommand, 27> kKdQmCommands{{
     {"start", queue_start, "QUEUE[/RESOURCE]", "start a queue or one of its resource queues"},
     {"stop", queue_stop, "QUEUE[/RESOURCE]", "stop a queue or one of its resource queues"},
     {"submit", queue_submit, kSubmitArgs, "submit a job; the answer is its entry number"},
-    {"submit_sync", queue_submit_sync, kSubmitArgs, "submit a job and wait for its end (up to 12 hours)"},
+    {"submit_sync", queue_submit_sync, kSubmitArgs, "submit a job and wait until it starts (up to 12 hours)"},
     {"submit_lazy", queue_submit_lazy, kSubmitArgs,
      "submit a job whose resource is a wish, not a requirement"},
     {"submit_sync_lazy", queue_submit_sync_lazy, kSubmitArgs,
@@ -81,10 +83,11 @@ const std::array<KdQmCommand, 27> kKdQmCommands{{
     {"sho/status", queue_sho_status, "[QUEUE|PATTERN|all[/RESOURCE]]", "show the state of queues"},
     {"sho/full", queue_sho_full, "QUEUE|PATTERN|all[/RESOURCE]", "show queues with every detail"},
     {"shocsv", queue_sho_csv, "[QUEUE|PATTERN|all]", "show queues as comma-separated values"},
-    {"job_del", job_del, "PID|ENTRY|JOB_NAME", "delete a job by process id, entry number or name"},
-    {"job_sho", job_sho, "PID|ENTRY|JOB_NAME", "show a job"},
-    {"job_sho/name", job_sho_name, "PID|ENTRY|JOB_NAME", "show a job's name"},
-    {"job_sho/full", job_sho_full, "PID|ENTRY|JOB_NAME", "show a job with every detail"},
+    {"job_del", job_del, "JOB_NAME|ENTRY|PID [SEQ]",
+     "delete one job (as del_entry ENTRY); SEQ picks the SEQ-th match, from 0"},
+    {"job_sho", job_sho, kJobArgs, "show jobs as the queue view does, or the jobs of queues as state lines"},
+    {"job_sho/name", job_sho_name, kJobArgs, "show jobs with their names"},
+    {"job_sho/full", job_sho_full, kJobArgs, "show jobs with every detail"},
     {"job_set", job_set, "ENTRY [-T START] [-W LATEST_START] [-E END] [-p PRIO]",
      "change a waiting job's times and priority (times not given are cleared)"},
     {"glores", show_global_resources, "", "show the global resources and their use"},

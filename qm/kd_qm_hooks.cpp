@@ -8,6 +8,7 @@
 #include "cm_trace.h"
 #include "kd_hal_qm.h"
 #include "kd_qm_daemon.h"
+#include "kd_qm_job_requests.h"
 #include "kd_qm_queue_requests.h"
 #include "kd_qm_sched.h"
 #include "kd_qm_submit.h"
@@ -107,5 +108,5 @@ int qm_request_entry(Query* q) {
   }
 }
 int qm_request_queue_show(Query* q) { return process_que_sho(q); }
-int qm_request_job(Query* q) { return answer_not_supported(q); }
+int qm_request_job(Query* q) { return q->function == job_set ? process_job_set(q) : process_job_request(q); }
 int qm_request_global_resources(Query* q) { return process_show_global_resources(q); }

@@ -89,18 +89,33 @@ fi
 
 echo "kd_qm_main runs as pid $daemon_pid on the instance $demo"
 echo
-echo "\$ kd_qm process_signal"
-set +e
-"$front" process_signal
-rc=$?
-set -e
-echo "(exit code $rc)"
-if [ "$rc" -ne 0 ]; then
-  echo "the request was not answered with Ok" >&2
-  exit 1
-fi
-started=1
+# A small job program in the instance's bin directory: relative
+# executables of a submission are found there.
+cat >"$demo/bin/hello.sh" <<'EOS'
+#!/bin/sh
+# Demo job: says hello with its arguments, works a moment, and ends.
+echo "hello from job $$: $*" >>"${0%/*}/../log/hello.out"
+sleep 2
+EOS
+chmod 755 "$demo/bin/hello.sh"
 
+run() {
+  echo "\$ kd_qm $*"
+  set +e
+  "$front" "$@"
+  local rc=$?
+  set -e
+  echo "(exit code $rc)"
+  echo
+  return 0
+}
+run init demo 2
+run submit demo -j first -p 5 hello.sh one
+run submit demo -j second -p 0 hello.sh two
+run submit demo -j third -T "$(date -d '+1 hour' '+%F_%H:%M')" hello.sh three
+run sho demo
+run sho/status demo
+started=1
 cat <<EOF
 
 The daemon keeps running. Talk to it with the front end (kd_qm -h lists the commands):

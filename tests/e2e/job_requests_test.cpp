@@ -1,0 +1,84 @@
+// The job requests against the running daemon: jobs shown and deleted by
+// entry number, pid, name with sequence number, wildcard name and queue.
+#include <signal.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "daemon_fixture.h"
+#include "qm_lib.h"
+
+namespace kdtest {
+namespace {
+
+using namespace std::chrono_literals;
+
+const std::string kOk = "STATUS=SUCCESS MSG=ok\n";
+
+class JobRequestsTest : public DaemonTest {
+ protected:
+  void SetUp() override {
+    DaemonTest::SetUp();
+    // $1 is the job's directory; the job waits for "go" and ends on SIGINT,
+    // or at once when it is run with a pending-state exit code.
+    WriteFile(instance().bin() + "job.sh",
+              "#!/bin/sh\ncase \"$3\" in -[0-9]*) exit 0;; esac\nmkdir -p \"$1\"\necho $$ > \"$1/job.pid\"\n"
+              "trap 'echo INT > \"$1/sig\"; exit 3' INT\n"
+              "while [ ! -e \"$1/go\" ]; do /bin/sleep 0.05; done\n",
+              0755);
+    ASSERT_EQ(Ask(queue_init, "q1 1").text, "0STATUS=SUCCESS MSG=Queue initialised\n");
+    ASSERT_EQ(Ask(queue_init, "q2").text, "0STATUS=SUCCESS MSG=Queue initialised\n");
+    ASSERT_EQ(Ask(queue_submit, "q1 -j alpha job.sh " + Dir("a1")).text, "0STATUS=SUCCESS MSG=1\n");
+    ASSERT_EQ(Ask(queue_submit, "q1 -j alpha job.sh " + Dir("a2")).text, "0STATUS=SUCCESS MSG=2\n");
+    ASSERT_EQ(Ask(queue_submit, "q2 -T 2099-01-01_00:00 -j beta job.sh " + Dir("b")).text, "0STATUS=SUCCESS MSG=3\n");
+    long pid = 0;
+    ASSERT_TRUE(WaitFor([&] { return (pid = std::atol(ReadFile(Dir("a1") + "/job.pid").c_str())) > 0; }, 10s));
+    pid_ = std::to_string(pid);
+  }
+  std::string Dir(const std::string& job) { return instance().root() + "/jobs/" + job; }
+  std::string pid_;
+};
+
+TEST_F(JobRequestsTest, ShowPicksJobsByEntryPidNameSequenceWildcardAndQueue) {
+  const std::string pending = "  2  job.sh                  0         0 1900-01-00 00:00:00\n";
+  const std::string pid8 = std::string(8 - pid_.size(), ' ') + pid_;
+  const std::string running = "  1  job.sh                  0  " + pid8 + " 1900-01-00 00:00:00\n";
+  const std::string running_name = "  1    alpha                 0  " + pid8 + " 1900-01-00 00:00:00\n";
+  // Sequence numbers count like-named jobs in view order: holding, pending, executing.
+  EXPECT_EQ(Ask(job_sho, "alpha").text, "0" + pending + kOk);
+  EXPECT_EQ(Ask(job_sho, "alpha 1").text, "0" + running + kOk);
+  EXPECT_EQ(Ask(job_sho, "alpha 2").text, "1STATUS=WARNING MSG=No such job [alpha]\n");
+  EXPECT_EQ(Ask(job_sho, "1").text, "0" + running + kOk);
+  EXPECT_EQ(Ask(job_sho_name, pid_).text, "0" + running_name + kOk);
+  EXPECT_EQ(Ask(job_sho_name, "al*").text,
+            "0  2    alpha                 0         0 1900-01-00 00:00:00\n" + running_name + kOk + "\n");
+  EXPECT_EQ(Ask(job_sho, "zz*").text, "1STATUS=WARNING MSG=No such job [zz*]\n");
+
+  const std::string full = Ask(job_sho_full, "alpha 1").text;
+  EXPECT_EQ(full.substr(0, full.find("Submit time=")),
+            "0Entry: 1\tJob name: alpha\tServer: \nFile: \"" + instance().bin() + "/job.sh\" \"" + Dir("a1") +
+                "\"\nPriority: 0;  Allocate: ;  Resource: *;  PID: " + pid_ + "\n");
+  EXPECT_EQ(full.substr(full.find("Wait time=")), "Wait time= NOT_SPECIFIED\nEnd time= NOT_SPECIFIED\n" + kOk);
+
+  EXPECT_EQ(Ask(job_sho, "all").text,
+            "0q1:\t alpha 2 pending\nq1:\t alpha 1 executing\nq2:\t beta 3 holding\n" + kOk + "\n");
+  EXPECT_EQ(Ask(job_set, "3 -T 2099-01-01_00:00 -p 5").text, "0STATUS=SUCCESS MSG=3");
+  EXPECT_EQ(Ask(job_sho, "q2/ csv").text,
+            "0q2,holding,beta,5,0,3,\"" + instance().bin() + "/job.sh\" " + Dir("b") + "\n" + kOk + "\n");
+  EXPECT_EQ(Ask(job_sho, "x*/").text, "1x*:\t not existing\nSTATUS=WARNING MSG=A queue with name [x*] does not exist\n");
+}
+
+TEST_F(JobRequestsTest, DeleteTakesOneJobByNameOrPid) {
+  EXPECT_EQ(Ask(job_del, "al*").text, "2STATUS=ERROR MSG=job_del deletes one job; [al*] may name several\n");
+  EXPECT_EQ(Ask(job_del, "q1/").text, "2STATUS=ERROR MSG=job_del deletes one job; [q1] may name several\n");
+  EXPECT_EQ(Ask(job_del, "beta 1").text, "1STATUS=WARNING MSG=No such job [beta]\n");
+  // As an entry delete with its defaults: the waiting job runs once with -d -2.
+  EXPECT_EQ(Ask(job_del, "beta").text, "0STATUS=SUCCESS MSG=Job start time expired: -2\n");
+  EXPECT_EQ(Ask(job_del, pid_, 15s).text, "0STATUS=SUCCESS MSG=" + pid_ + "\n");
+  EXPECT_EQ(ReadFile(Dir("a1") + "/sig"), "INT\n");
+  // The pending alpha took the free place.
+  EXPECT_TRUE(WaitFor([&] { return Ask(job_sho, "all").text == "0q1:\t alpha 2 executing\n" + kOk + "\n"; }, 10s));
+}
+
+}  // namespace
+}  // namespace kdtest
