@@ -250,7 +250,10 @@ pid_t runjob(Job* job) {
 
   if (pid == 0) {
     setpgid(0, 0);
-    for (int fd = 1; fd < 256; ++fd) close(fd);
+    // One call where the kernel has it; a loop of 255 closes where not.
+    if (close_range(1, 255, 0) != 0) {
+      for (int fd = 1; fd < 256; ++fd) close(fd);
+    }
     // Standard output and error become copies of standard input.
     if (dup(0) < 0 || dup(0) < 0) {
       // Nothing to report to: the job runs without output descriptors.

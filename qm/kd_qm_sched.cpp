@@ -98,7 +98,10 @@ void OfferPendingJobs(QueueTriple* triple, const char* selector) {
 
 /// Expiry of the waiting jobs of one list (holding or pending).
 void ExpireWaitingJobs(List* list, int32_t flag, const char* where, time_t now) {
-  while (Job* job = FirstJob(list, JobTimeExpired, now)) {
+  // One walk from the head: retiring a job leaves the others in place, and a
+  // job found not expired stays so for this now.
+  for (Job* job : Elements<Job>(*list)) {
+    if (JobTimeExpired(job, now) == 0) continue;
     iContext = job->EntryNumb;
     if ((job->iLogFlags & flag) == 0) {
       trace("%l1 [CTX:%d] Job [%s] entity id %d has expired on %s queue", iContext, job->job_name.c_str(),

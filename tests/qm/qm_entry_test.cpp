@@ -41,4 +41,24 @@ TEST_F(EntryPoolTest, TheDaemonsPoolHoldsOneTo262143ThenRunsDry) {
   EXPECT_EQ(QmEntry_size(), 0u);
 }
 
+// Fresh numbers and released ones are one queue: a release never overtakes
+// a fresh number, a fetched number may come back, and the no-duplicate rule
+// also holds for numbers above the daemon's range.
+TEST_F(EntryPoolTest, ReleasedNumbersQueueBehindFreshOnesAndComeBackOnce) {
+  QmEntry_init(0x40000);
+  QmEntry_release(262143);  // still fresh: ignored
+  QmEntry_release(300000);
+  QmEntry_release(300000);
+  EXPECT_EQ(QmEntry_size(), 262144u);
+  for (int32_t n = 1; n <= 262142; ++n) ASSERT_EQ(QmEntry_fetch(), n);
+  QmEntry_release(7);
+  QmEntry_release(7);
+  EXPECT_EQ(QmEntry_fetch(), 262143);
+  EXPECT_EQ(QmEntry_fetch(), 300000);
+  EXPECT_EQ(QmEntry_fetch(), 7);
+  QmEntry_release(7);  // fetched, so welcome again
+  EXPECT_EQ(QmEntry_fetch(), 7);
+  EXPECT_EQ(QmEntry_fetch(), -1);
+}
+
 }  // namespace
