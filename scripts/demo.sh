@@ -107,7 +107,10 @@ run() {
   set -e
   echo "(exit code $rc)"
   echo
-  return 0
+  if [ "$rc" -ge 2 ]; then
+    echo "the request was not served; the daemon's output is in $demo/log/" >&2
+    exit 1
+  fi
 }
 run init demo 2
 run submit demo -j first -p 5 hello.sh one
