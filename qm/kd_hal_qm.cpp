@@ -117,16 +117,6 @@ void ForgetGlobalResources(Job* job) {
     DeregisterGlobalResource(r->name.view(), &gGlobalResources);
 }
 
-/// Destroys a follow-up chain that will never run.
-void DestroyFollowUpChain(Job* job) {
-  while (job != nullptr) {
-    Job* next = job->pFollowUpJob;
-    job->pFollowUpJob = nullptr;
-    DestroyJob(job);
-    job = next;
-  }
-}
-
 /// Synchronises the queue's global counter with the queue's own limit.
 void SyncCounter(Queue* queue) {
   if (queue->pCounter == nullptr) return;
@@ -397,7 +387,7 @@ bool bRemJobStartFollow(Job* job, Queue* queue, int exit_code) {
     trace("%l1 [CTX:%d] follow_up job configured [%s] but disabled!", iContext,
           std::string(BaseName(follow->file_name.view())).c_str());
     job->pFollowUpJob = nullptr;
-    DestroyFollowUpChain(follow);
+    DestroyJobChain(follow);
   }
   NotifyPeers(job, "STATUS=SUCCESS MSG=%ld\n", static_cast<long>(job->PID));
   ForgetGlobalResources(job);

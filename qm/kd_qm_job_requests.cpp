@@ -47,21 +47,6 @@ const char* job_mode_text(const Query* q) {
   return q->function == job_sho_name ? "name" : "";
 }
 
-/// Answers a whole text of any length: the text is the format, its "%"
-/// doubled, so that answer neither cuts nor reads it.
-void answer_text(Query* q, int status, const std::string& text) {
-  std::string format;
-  format.reserve(text.size() + 16);
-  for (char c : text) {
-    format += c;
-    if (c == '%') format += '%';
-  }
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-security"
-  answer(&q->peer, status, format.c_str());
-#pragma GCC diagnostic pop
-}
-
 int answer_no_job(Query* q, const char* what) {
   answer(&q->peer, KD_WARNING, "STATUS=WARNING MSG=No such job [%s]\n", what);
   return 1;

@@ -599,8 +599,12 @@ int process_show_global_resources(Query* q) {
   for (GlobalResource* resource : Elements<GlobalResource>(gGlobalResources)) ViewGlobalResource(resource, &text);
   PrintJobsGlobalResourcesUsage(&Root, &gGlobalResources, &text);
   text += "\nSTATUS=SUCCESS MSG=Ok\n";
-  // The table is the answer's format text; a "%" of a resource name is
-  // written as it is rather than read as a conversion without an argument.
+  // A "%" of a resource name is written as it is, not read as a conversion.
+  answer_text(q, KD_SUCCESS, text);
+  return 0;
+}
+
+void answer_text(Query* q, int status, const std::string& text) {
   std::string format;
   format.reserve(text.size() + 16);
   for (char c : text) {
@@ -609,7 +613,6 @@ int process_show_global_resources(Query* q) {
   }
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
-  answer(&q->peer, KD_SUCCESS, format.c_str());
+  answer(&q->peer, status, format.c_str());
 #pragma GCC diagnostic pop
-  return 0;
 }

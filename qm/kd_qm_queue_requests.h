@@ -6,6 +6,8 @@
 // requester and returns 0 done or 1 refused.
 #pragma once
 
+#include <string>
+
 #include <sys/types.h>
 
 #include "qm_lib.h"
@@ -37,3 +39,8 @@ pid_t answer_show(char selector, List* list, VoidFnPtr3 walk, Query* q);
 /// The job listings (selector "j"): an empty Ok part, then list searched
 /// with search, then "STATUS=SUCCESS MSG=ok\n".
 pid_t answer_show(char selector, List* list, IntFnPtr3 search, Query* q);
+
+/// Answers a whole text of any length with the given status: the text is
+/// handed to answer as its format with every "%" doubled, so that it is
+/// neither cut nor read as conversions.
+void answer_text(Query* q, int status, const std::string& text);

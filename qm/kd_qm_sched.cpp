@@ -48,16 +48,6 @@ bool TimeReached(const QMTime& time, const QMTime& now) {
   return true;
 }
 
-/// Destroys a job that never ran together with its follow-up chain.
-void DisposeJob(Job* job) {
-  while (job != nullptr) {
-    Job* next = job->pFollowUpJob;
-    job->pFollowUpJob = nullptr;
-    DestroyJob(job);
-    job = next;
-  }
-}
-
 /// A waiting job leaves its queue for good: its global-resource names go
 /// with it, so that nobody counts it as a user any more.
 void ForgetGlobalResourceNames(Job* job) {
@@ -372,7 +362,7 @@ Outcome StartCandidate(Queue* q, QueueTriple* t, Job* job) {
     else
       trace("%l1 [CTX:%d] Could not get PID of job: Job has already terminated", iContext);
     ForgetGlobalResourceNames(job);
-    DisposeJob(job);
+    DestroyJobChain(job);
     return Outcome::kContinue;
   }
 

@@ -20,22 +20,12 @@
 
 namespace {
 
-/// Frees a job that never reached a queue, with its follow-up chain.
-void DisposeJob(Job* job) {
-  while (job != nullptr) {
-    Job* next = job->pFollowUpJob;
-    job->pFollowUpJob = nullptr;
-    DestroyJob(job);
-    job = next;
-  }
-}
-
 /// A refusal after admission: the entry number stays out of the pool and the
 /// global-resource registrations stay counted, as for a job that is kept;
 /// only the memory of the record is given back.
 void DropRefusedJob(Job* job) {
   job->EntryNumb = 0;
-  DisposeJob(job);
+  DestroyJobChain(job);
 }
 
 JobType JobTypeOf(cmd_mode mode) {
@@ -83,7 +73,7 @@ int process_que_submit(Query* q, const char* allocate, const char* resource) {
   if (entry <= 0) {
     trace("%l1 --- process_que_submit: Can't get entry number");
     answer(&q->peer, KD_ERROR, "STATUS=ERROR MSG=Can't get entry number\n");
-    DisposeJob(job);
+    DestroyJobChain(job);
     return 1;
   }
   job->EntryNumb = entry;
@@ -124,7 +114,7 @@ int process_que_submit(Query* q, const char* allocate, const char* resource) {
   if (triple == nullptr) {
     trace("%l1 [CTX:%d] Queue [%s] does not exist", iContext, q->que_name);
     answer(&q->peer, KD_WARNING, "STATUS=WARNING MSG=A queue with name [%s] does not exist\n", q->que_name);
-    DisposeJob(job);
+    DestroyJobChain(job);
     return 1;
   }
   trace("%l2 [CTX:%d] Queue [%s] exists", iContext, q->que_name);

@@ -711,3 +711,12 @@ int process_job_set(Query* q) {
   answer(&q->peer, KD_SUCCESS, "STATUS=SUCCESS MSG=%d", entry);
   return 0;
 }
+
+void DestroyJobChain(Job* job) {
+  while (job != nullptr) {
+    Job* next = job->pFollowUpJob;
+    job->pFollowUpJob = nullptr;
+    DestroyJob(job);
+    job = next;
+  }
+}

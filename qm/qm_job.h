@@ -95,6 +95,8 @@ extern int iContext;
 /// Frees a job with its lists and texts and returns its entry number to the
 /// pool. Does not free the follow-up job. A null job is ignored.
 void DestroyJob(Job* job);
+/// Destroys a job that never ran together with its whole follow-up chain.
+void DestroyJobChain(Job* job);
 
 // ---------------------------------------------------------------------------
 // Submission

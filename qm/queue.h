@@ -329,7 +329,7 @@ const char* szQueState(int state);
 // Construction, removal, resource specifications
 // ---------------------------------------------------------------------------
 
-/// A new resource queue for the specification "[share_]name[@server]";
+/// A new resource queue for the resource text "[share_]name[@server]";
 /// null when memory is exhausted.
 Queue* CreateResourceQue(QueueTriple* triple, std::string_view spec, Counter* counter,
                          const QueueJobLimits* limits);
