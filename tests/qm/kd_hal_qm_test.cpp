@@ -1,5 +1,5 @@
 // Job processes with tiny real /bin/sh jobs: the decoding of a child's end,
-// follow-up arguments, the argument limit, stopping, grandchildren, and the
+// follow-up arguments, the argument limit, the pending-state code 0, and the
 // restart policy under a test clock.
 #include "kd_hal_qm.h"
 
@@ -157,28 +157,6 @@ TEST_F(JobProcessTest, FourHundredArgumentsKeepTheLastInEntry309AndWarnOnce) {
   EXPECT_EQ(ReadFile(File("out")), expected + "a400\n");
 }
 
-TEST_F(JobProcessTest, AGrandchildDiesWithItsJob) {
-  Start(ShJob("sleep 60 & echo $! > " + File("gc") + "; exit 0"));
-  ASSERT_TRUE(PassUntil([&] { return QueueEmpty(); }));
-  const std::string proc = "/proc/" + std::to_string(std::stoi(ReadFile(File("gc")))) + "/stat";
-  // Gone, or a zombie waiting for a reaper that is not us.
-  EXPECT_TRUE(WaitFor([&] { return ReadFile(proc).empty() || ReadFile(proc).find(") Z ") != std::string::npos; }, 5s));
-}
-
-TEST_F(JobProcessTest, StopControlOnAJobIgnoringSigintKillsItAndFreesThePlace) {
-  Job* job = ShJob("trap '' INT; echo ready > " + File("ready") + "; while :; do sleep 1; done");
-  Start(job);
-  ASSERT_TRUE(WaitFor([&] { return kdtest::Exists(File("ready")); }, 10s));
-  JobStopControl(job, &queue_, 1);
-  // Reaped at once after SIGKILL, or found by the next pass as signal 9.
-  ASSERT_TRUE(PassUntil([&] { return QueueEmpty(); }));
-  const std::string last = ExitLog().back();
-  EXPECT_TRUE(last.find("Terminated with SIGKILL [exit code: 0]") != std::string::npos ||
-              last.find("Job terminated with signal [exit code: 9]") != std::string::npos)
-      << last;
-  EXPECT_EQ(queue_.current_job_limit, 1);
-}
-
 TEST_F(JobProcessTest, RestartBurstAndSlidingWindowBoundaries) {
   gQmNow = TestNow;
   gTestNow = 1000;
@@ -211,16 +189,9 @@ TEST_F(JobProcessTest, RestartBurstAndSlidingWindowBoundaries) {
   DestroyJob(job);
 }
 
-TEST_F(JobProcessTest, PendingStateRunAddsDashDAndTheCodeUnlessItIsZero) {
+// Code 0 leaves the job unrun and its arguments as they were.
+TEST_F(JobProcessTest, PendingStateCodeZeroDoesNotRunTheJob) {
   Job* job = ArgsWriter();
-  job->stopJobExecutable = "/bin/kill_it";
-  RunWithPendingStateExitCode(job);  // the default -2 runs it
-  Track(job->PID);
-  ASSERT_TRUE(WaitFor([&] { return ReadFile(File("args")) == "-d\n-2\n"; }, 10s));
-  EXPECT_TRUE(job->stopJobExecutable.empty());
-  DestroyJob(job);
-
-  job = ArgsWriter();
   SetPendingStateExitCode(NodeOf(job), const_cast<char*>("0"), nullptr);
   RunWithPendingStateExitCode(job);
   EXPECT_EQ(job->PID, 0);

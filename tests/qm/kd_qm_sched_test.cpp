@@ -1,7 +1,6 @@
 // The scheduling pass on real triples with tiny real jobs (/bin/true): the
-// priority cascade and the hold-back rule, priority slots, global resources,
-// the allocation modes, the synchronised start, lazy jobs, and the weighted
-// random order.
+// allocation modes, queues of weight 0, lazy jobs, and the weighted random
+// order.
 #include "kd_qm_sched.h"
 
 #include <signal.h>
@@ -19,8 +18,6 @@
 #include "kd_test_support.h"
 #include "qm_common.h"
 #include "qm_entry.h"
-#include "qm_globalresource.h"
-#include "qm_queue.h"
 
 namespace {
 
@@ -43,7 +40,6 @@ class SchedTest : public ::testing::Test {
         while (Node* n = RemHead(list)) DestroyJob(ElementOf<Job>(n));
       RemoveQueTriple(&Root, t);
     }
-    RemoveList(&gGlobalResources);
     QmEntry_destroy();
     gszKdQmExitLog[0] = '\0';
     strLocalLog.szLogFile[0] = '\0';
@@ -83,11 +79,6 @@ class SchedTest : public ::testing::Test {
     for (Job* job : Elements<Job>(jobs)) out.push_back(job->job_name.c_str());
     return out;
   }
-  static Strings Args(const Job* job) {
-    Strings out;
-    for (Argument* a : Elements<Argument>(job->ListOfArguments)) out.push_back(a->argument.c_str());
-    return out;
-  }
   bool TraceHas(const std::string& text) const {
     return kdtest::ReadFile(strLocalLog.szLogFile).find(text) != std::string::npos;
   }
@@ -95,77 +86,6 @@ class SchedTest : public ::testing::Test {
   kdtest::TestInstance inst_;
   int entries_ = 0;
 };
-
-// b (volatile, left bound to X) is released in the "allocated" pass and
-// takes the 7s only in the "idle" pass; a (permanent, bound to Y) holds the 3
-// back while a 7 it cannot take waits. Only when every 7 has left the
-// pending queue does the same call go on to priority 3.
-TEST_F(SchedTest, CascadeAndHoldBackOfALowerPriority) {
-  for (int b_limit : {2, 1}) {
-    kdtest::WriteFile(strLocalLog.szLogFile, "");
-    QueueTriple* t = Triple("a/b", 1);
-    Queue* a = FindResourceQue(t, "a");
-    Queue* b = FindResourceQue(t, "b");
-    a->eAllocMode = e_allocation_permanent;
-    a->allocate = "Y";
-    a->isAllocated = 1;
-    b->eAllocMode = e_allocation_volatile;
-    b->allocate = "X";
-    b->job_limit = b->current_job_limit = b_limit;
-    Job* j7 = Add(&t->PendingQue, NewJob(7));
-    Job* k7 = Add(&t->PendingQue, NewJob(7));
-    Job* j3 = Add(&t->PendingQue, NewJob(3, "Y"));
-    ProcessQueTriple(t);
-
-    EXPECT_TRUE(TraceHas("Got job with higher priority but different allocation. Wait for jobs to complete - entry [" +
-                         std::to_string(j7->EntryNumb) + "] prio 7"));
-    EXPECT_TRUE(TraceHas("Set allocation from X to *, bJobRequest 1 because queue b has no running jobs"));
-    const bool cascaded = TraceHas("All pending jobs with highest prio 7 started. Try to start jobs with prio 3");
-    EXPECT_EQ(cascaded, b_limit == 2);
-    EXPECT_EQ(Args(j7), (Strings{"-d", "b"}));
-    if (b_limit == 2) {
-      EXPECT_EQ(Names(b->ListOfJobs), (Strings{j7->job_name.c_str(), k7->job_name.c_str()}));
-      EXPECT_EQ(Names(a->ListOfJobs), Strings{j3->job_name.c_str()});
-    } else {
-      EXPECT_EQ(Names(t->PendingQue), (Strings{k7->job_name.c_str(), j3->job_name.c_str()}));
-      EXPECT_EQ(a->ListOfJobs.Head, nullptr);
-    }
-  }
-}
-
-// On a full queue a priority slot takes the job of high enough priority; a
-// job naming a global resource without a free unit waits, and still counts
-// as a request for the queue.
-TEST_F(SchedTest, PrioritySlotsAndGlobalResources) {
-  QueueTriple* t = Triple("", 1);
-  Queue* q = FindResourceQue(t, "single");
-  InsertPrioritySlot(&q->ListOfJobLimitsByJobPriority, 5, 1);
-  q->current_job_limit = 0;  // one job runs
-  Job* high = Add(&t->PendingQue, NewJob(7));
-  Add(&t->PendingQue, NewJob(3));
-  ProcessQueTriple(t);
-  EXPECT_EQ(Names(q->ListOfJobs), Strings{high->job_name.c_str()});
-  EXPECT_EQ(Args(high), Strings{});  // "single" adds no "-d" pair
-  EXPECT_EQ(PrioritySlotPrint(&q->ListOfJobLimitsByJobPriority), "p5=1/1");
-  EXPECT_EQ(q->current_job_limit, 0);
-  EXPECT_EQ(CountList(&t->PendingQue), 1);
-
-  QueueTriple* g = Triple("a", 2);
-  Queue* a = FindResourceQue(g, "a");
-  GlobalResource* tape = AddGlobalResource(&gGlobalResources, "tape", 1);
-  tape->allocated = 1;
-  Job* job = Add(&g->PendingQue, NewJob(0));
-  auto* name = new GlobalResourceName{};
-  name->name = "tape";
-  AddTail(&job->ListOfGlobalResourceNames, NodeOf(name));
-  ProcessQueTriple(g);
-  EXPECT_EQ(g->PendingQue.Head, NodeOf(job));
-  EXPECT_TRUE(a->bJobRequest);
-  tape->allocated = 0;
-  ProcessQueTriple(g);
-  EXPECT_EQ(a->ListOfJobs.Head, NodeOf(job));
-  EXPECT_EQ(tape->allocated, 1);
-}
 
 // Per mode: the allocation when the last job has ended, then what an "idle"
 // call does with a job of another allocation.
@@ -207,20 +127,6 @@ TEST_F(SchedTest, AllocationModes) {
     EXPECT_EQ(q->ListOfJobs.Head == NodeOf(other), row.started);
     EXPECT_EQ(q->allocate.view(), row.allocate_after_idle);
   }
-}
-
-TEST_F(SchedTest, SynchronisedJobStartsOnceEveryQueueReachedItWithOneDPairEach) {
-  QueueTriple* t = Triple("a/b/c", 1);
-  Job* job = Add(&t->PendingQue, NewJob(0, "", "all"));
-  ProcessQueTriple(t);
-  EXPECT_TRUE(TraceHas("synchronize multi queue for job " + std::string(job->job_name.c_str())));
-  EXPECT_EQ(Args(job), (Strings{"-d", "a", "-d", "b", "-d", "c"}));
-  Queue* c = FindResourceQue(t, "c");
-  EXPECT_EQ(c->ListOfJobs.Head, NodeOf(job));
-  EXPECT_EQ(c->eState, running);
-  EXPECT_EQ(FindResourceQue(t, "a")->eState, idle);
-  EXPECT_EQ(t->status, running);
-  EXPECT_EQ(t->iSynchronCount, 0);
 }
 
 // A queue of weight 0 in a triple with weight takes only jobs that name it;

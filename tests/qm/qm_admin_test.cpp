@@ -113,16 +113,6 @@ TEST_F(TerminatingQueueTest, StagesWaitForTheMinimalRunTimeThenStopGracefullyThe
       10s));
 }
 
-TEST_F(TerminatingQueueTest, HardTimeoutZeroSignalsAndKillsInTheSamePass) {
-  Job* job = StartInTerminating("trap '' INT; echo up > " + File("up") + "; while :; do sleep 0.05; done", 0, 0);
-  const std::string stat = "/proc/" + std::to_string(job->PID) + "/stat";
-  ASSERT_TRUE(WaitFor([&] { return kdtest::Exists(File("up")); }, 10s));
-  PassAt(0);
-  EXPECT_TRUE(Traced("[CTX:42] Job graceful stop timeout expired - terminating job"));
-  // It ignores SIGINT: ending without a further pass means SIGKILL went out.
-  EXPECT_TRUE(WaitFor([&] { return ReadFile(stat).empty() || ReadFile(stat).find(") Z ") != std::string::npos; }, 10s));
-}
-
 TEST_F(TerminatingQueueTest, CustomKillProgramRunsExactlyOnceWithTheJobsWholeCommand) {
   kdtest::WriteFile(File("kill.sh"), "#!/bin/sh\nprintf '%s\\n' \"$@\" >> " + File("kill_args") + "\n", 0755);
   Job* job = StartInTerminating("trap '' INT; while :; do sleep 0.05; done", 0, 20);

@@ -2,18 +2,11 @@
 // the "-p" options of the job-limit request.
 #include "qm_queue.h"
 
-#include <sys/wait.h>
-
-#include <chrono>
-#include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "cm_common.h"
-#include "daemon_fixture.h"
-#include "kd_qm_daemon.h"
-#include "kd_test_support.h"
 
 namespace {
 
@@ -69,40 +62,16 @@ TEST_F(PrioritySlotTest, UpdateKeepsHoldersOfKeptLevelsAndDropsMissingOnes) {
   EXPECT_EQ(ReleasePrioritySlot(&slots_, 6, 21), 1);
 }
 
-TEST_F(PrioritySlotTest, ParseReadsEveryPOptionIntoTheLimits) {
-  EXPECT_EQ(Parse("q1 4 cnt") + Parse("q1 -p 1=3", 1), 0);
+// Levels are read from every "-p", glued or not, unless the caller skips them;
+// a malformed value refuses the request and keeps the levels read before it.
+TEST_F(PrioritySlotTest, ParseReadsEveryPOptionAndRefusesMalformedValues) {
+  EXPECT_EQ(Parse("q1 4 cnt") + Parse("q1 -p 1=3", 1) + Parse("q1 -p"), 0);
   EXPECT_EQ(Parsed(), "");
   EXPECT_EQ(Parse("q1/a 4 -p 5=2 -p1=3"), 0);
   EXPECT_EQ(Parsed(), "p1=0/3 p5=0/2");
-  // A "-p" without value is no value to read.
-  EXPECT_EQ(Parse("q1 -p"), 0);
-}
-
-TEST_F(PrioritySlotTest, MalformedValuesAreRefusedKeepingEarlierLevels) {
-  for (const char* bad : {"q1 -p 1-3", "q1 -p =", "q1 -p x=y", "q1 -p 2=1 -p 4"}) {
-    SCOPED_TRACE(bad);
-    EXPECT_EQ(Parse(bad), 1);
-  }
+  DestroyPriorityList(&limits_.ListOfJobLimitsByJobPriority);
+  for (const char* bad : {"q1 -p 1-3", "q1 -p =", "q1 -p x=y", "q1 -p 2=1 -p 4"}) EXPECT_EQ(Parse(bad), 1) << bad;
   EXPECT_EQ(Parsed(), "p2=0/1");
-}
-
-TEST_F(PrioritySlotTest, MalformedValueAnswersTheClient) {
-  kdtest::TestInstance instance;
-  CopyCut(gszQmDir, instance.qm());
-  kdtest::RawClient client(instance.qm(), 4811);
-  ASSERT_TRUE(client.CreatePipe() && client.OpenForAnswer());
-  Query q;
-  q.peer.valid = true;
-  q.peer.PID = 4811;
-  CopyCut(q.que_name, "q1");
-  CopyCut(q.szCmdArgs, "q1 3 -p 1-3");
-  EXPECT_EQ(ParseQueueArgs(0, &q, &limits_), 1);
-  const kdtest::RawAnswer a = client.ReadAnswer(std::chrono::seconds(10));
-  EXPECT_EQ(a.text, "2STATUS=ERROR MSG=Malformed string. -p requires a value like 1=3. ex.: -p 1=3\n");
-  int status = 0;
-  while (waitpid(-1, &status, 0) > 0) {
-  }
-  CopyCut(gszQmDir, "");
 }
 
 }  // namespace
