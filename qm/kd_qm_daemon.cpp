@@ -830,9 +830,13 @@ int iEXEC_REQUEST(const char* line) {
     answer(&q.peer, KD_ERROR, "ERROR: query too long. Max length %d", kMaxQueryLength);
     return 1;
   }
-  const int mode = q.function;
-  const int result = mode >= 0 && mode <= invalid_mode ? kRequestHandlers[static_cast<std::size_t>(mode)](&q)
-                                                       : request_invalid_mode(&q);
+  return DispatchQuery(&q);
+}
+
+int DispatchQuery(Query* q) {
+  const int mode = q->function;
+  const int result = mode >= 0 && mode <= invalid_mode ? kRequestHandlers[static_cast<std::size_t>(mode)](q)
+                                                       : request_invalid_mode(q);
   if (result != 0) trace("%l2 EXEC_REQUEST returns %d", result);
   return result;
 }

@@ -91,3 +91,8 @@ void SplitRequest(const char* line, Query* q);
 
 /// Parses and executes one request line; 0 done, 1 refused, 2 shutdown.
 int iEXEC_REQUEST(const char* line);
+
+/// Executes a split query (SplitRequest) by its mode through the table of
+/// request handlers; 0 done, 1 refused, 2 shutdown. A query whose peer is
+/// not valid is executed without any answer.
+int DispatchQuery(Query* q);

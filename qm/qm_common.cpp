@@ -3,6 +3,7 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -106,9 +107,16 @@ int iOpen_From_QM_Pipe(long pid) {
   int retry = 0;
   for (;;) {
     // Non-blocking: a client that has gone away must not hold the writer.
-    fd = open(path, O_WRONLY | O_NONBLOCK);
+    // Never through a symbolic link: the name lies in a directory that the
+    // whole group may write to.
+    fd = open(path, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY);
     if (fd >= 0) break;
     err = errno;
+    if (err == ELOOP) {
+      trace("%l0 [%d] ERROR: from_qm pipe [%s] is a symbolic link - refused", static_cast<int>(getpid()), path);
+      errno = err;
+      return -1;
+    }
     if (retry >= kOpenRetries) break;
     ++retry;
     trace("%l3 [%d] open( [%s], ... ) returned (%d): %s (retry %d/%d)", static_cast<int>(getpid()), path,
@@ -131,6 +139,15 @@ int iOpen_From_QM_Pipe(long pid) {
     else
       trace("%l1 %s: %s", text, std::strerror(err));
     errno = err;
+    return -1;
+  }
+  // Checked on what was opened, not on the name: a regular file planted
+  // under the pipe's name is never written to.
+  struct stat st {};
+  if (fstat(fd, &st) != 0 || !S_ISFIFO(st.st_mode)) {
+    trace("%l0 [%d] ERROR: from_qm pipe [%s] is no FIFO - refused", static_cast<int>(getpid()), path);
+    close(fd);
+    errno = EINVAL;
     return -1;
   }
   if (fcntl(fd, F_SETFD, FD_CLOEXEC) < 0)

@@ -17,8 +17,10 @@ struct QueueTriple;
 /// Opens the answer pipe of the requester pid ("from_qm_pipe<pid>" below
 /// gszQmDir + "com/"; pid 0 means the pipe of the request being served)
 /// write-only and non-blocking, retrying 20 times 100 ms apart while no
-/// reader has it open. Returns the descriptor (close-on-exec) or -1 with
-/// errno kept.
+/// reader has it open. A symbolic link under that name, or anything opened
+/// that is no FIFO, is refused at once with a trace line and never written
+/// to. Returns the descriptor (close-on-exec) or -1 with errno kept (ELOOP
+/// for a link, EINVAL for no FIFO).
 int iOpen_From_QM_Pipe(long pid);
 
 /// Waits at most one second for the stream's descriptor to take data, then

@@ -2,7 +2,8 @@
 # Installs what the build and the tests need, with apt-get, and only what is missing.
 set -euo pipefail
 
-packages=(cmake make g++ git libgtest-dev libgmock-dev libbenchmark-dev libpcre3-dev libboost-dev)
+# clang and its runtime libraries: the fuzz targets (scripts/fuzz.sh) are built with libFuzzer.
+packages=(cmake make g++ git libgtest-dev libgmock-dev libbenchmark-dev libpcre3-dev libboost-dev clang libclang-rt-dev)
 
 missing=()
 for p in "${packages[@]}"; do
