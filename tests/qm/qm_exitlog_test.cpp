@@ -1,6 +1,5 @@
 // The job exit log: its path, the time stamp of each record, the real times
 // of a record, and nothing at trace level 0.
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -36,11 +35,10 @@ TEST(ExitLogTest, CreationAndEndGiveOneExactRecordEachAndNothingAtLevelZero) {
   EXPECT_EQ(job->pTermReason, nullptr);
   DestroyJob(job);
 
-  static const std::regex stamp("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} .*");
   std::vector<std::string> lines;
   std::istringstream in(kdtest::ReadFile(gszKdQmExitLog));
   for (std::string line; std::getline(in, line); lines.push_back(line.substr(20)))
-    EXPECT_TRUE(std::regex_match(line, stamp)) << line;
+    EXPECT_TRUE(kdtest::StartsWithShape(line, "9999-99-99 99:99:99 ")) << line;
   EXPECT_EQ(lines, (std::vector<std::string>{
                        "CTX:5;name:nightly;submit:2026-05-13 10:11:02;start:00-00-00 00:00:00;command: -j nightly "
                        "/opt/bin/backup -f x",

@@ -132,4 +132,48 @@ std::string CaptureFd(int fd, const std::function<void()>& fn) {
   return out;
 }
 
+bool StartsWithShape(std::string_view text, std::string_view shape) {
+  if (text.size() < shape.size()) return false;
+  for (std::size_t i = 0; i < shape.size(); ++i) {
+    const char c = text[i];
+    if (shape[i] == '9' ? (c < '0' || c > '9') : c != shape[i]) return false;
+  }
+  return true;
+}
+
+std::string ReplaceShape(std::string text, std::string_view shape, std::string_view with) {
+  for (std::size_t at = 0; at + shape.size() <= text.size();) {
+    if (StartsWithShape(std::string_view(text).substr(at), shape)) {
+      text.replace(at, shape.size(), with);
+      at += with.size();
+    } else {
+      ++at;
+    }
+  }
+  return text;
+}
+
+std::string ReplaceDigitsAfter(std::string text, std::string_view marker, std::string_view with) {
+  for (std::size_t at = text.find(marker); at != std::string::npos; at = text.find(marker, at)) {
+    at += marker.size();
+    std::size_t end = at;
+    while (end < text.size() && text[end] >= '0' && text[end] <= '9') ++end;
+    if (end == at) continue;
+    text.replace(at, end - at, with);
+    at += with.size();
+  }
+  return text;
+}
+
+std::string ReplaceUntil(std::string text, std::string_view marker, char stop, std::string_view with) {
+  for (std::size_t at = text.find(marker); at != std::string::npos; at = text.find(marker, at)) {
+    at += marker.size();
+    const std::size_t end = text.find(stop, at);
+    if (end == std::string::npos) break;
+    text.replace(at, end - at, with);
+    at += with.size();
+  }
+  return text;
+}
+
 }  // namespace kdtest

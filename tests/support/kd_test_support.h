@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace kdtest {
 
@@ -81,5 +82,16 @@ bool Exists(const std::string& path);
 /// Runs fn with standard error (fd 2) and/or standard output (fd 1)
 /// redirected into a temporary file; returns what was written.
 std::string CaptureFd(int fd, const std::function<void()>& fn);
+
+/// True when text begins with the shape: "9" stands for any digit, every
+/// other character for itself ("9999-99-99 99:99:99" matches a timestamp).
+/// (std::regex is avoided: g++ 12 warns falsely inside it under the sanitizers.)
+bool StartsWithShape(std::string_view text, std::string_view shape);
+/// Every part of text that has the shape, replaced by with.
+std::string ReplaceShape(std::string text, std::string_view shape, std::string_view with);
+/// After every marker, the run of digits that follows, replaced by with.
+std::string ReplaceDigitsAfter(std::string text, std::string_view marker, std::string_view with);
+/// After every marker, the text up to the next stop character, replaced by with.
+std::string ReplaceUntil(std::string text, std::string_view marker, char stop, std::string_view with);
 
 }  // namespace kdtest
