@@ -746,6 +746,25 @@ void ProcessQueTriple(QueueTriple* triple) {
   trace("%l2 --- ProcessQueTriple");
 }
 
+namespace {
+
+/// A triple without any job whose resource queues are all idle: its pass
+/// reaps, expires, moves and starts nothing and changes no state.
+bool TripleIsInert(const QueueTriple* triple) {
+  if (triple->HoldingQue.Head != nullptr || triple->PendingQue.Head != nullptr) return false;
+  for (const Node* n = triple->ExecQueues.Head; n != nullptr; n = n->Next) {
+    const Queue* queue = reinterpret_cast<const Queue*>(n);
+    if (queue->eState != idle || queue->ListOfJobs.Head != nullptr) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 void ProcessAllQueTriples() {
-  for (QueueTriple* triple : Elements<QueueTriple>(Root)) ProcessQueTriple(triple);
+  // Every answer writer's end brings a pass over all triples: inert ones
+  // are skipped unless the trace wants their flow lines (level 2 and up).
+  const bool flow_traced = strLocalLog.iLogLevel >= 2;
+  for (QueueTriple* triple : Elements<QueueTriple>(Root))
+    if (flow_traced || !TripleIsInert(triple)) ProcessQueTriple(triple);
 }
