@@ -15,21 +15,11 @@ List gJobStack{nullptr, nullptr, Jobs};
 
 int InitQMAdminQueue() {
   trace("+++ InitQMAdminQueue");
-  auto* triple = new (std::nothrow) QueueTriple{};
+  QueueTriple* triple = NewQueTriple("qu_admin", 1);
   if (triple == nullptr) {
     trace("%l1 --- InitQMAdminQueue: cannot allocate the admin queue");
     return -1;
   }
-  triple->name = "qu_admin";
-  triple->queType = 1;
-  triple->status = running;
-  triple->eAllocMode = e_allocation_occupied;
-  triple->eBalMode = e_balancing_fill;
-  triple->eDecMode = e_decision_ordered;
-  triple->dWeightSum = 0.0;
-  InitList(&triple->HoldingQue, Jobs);
-  InitList(&triple->PendingQue, Jobs);
-  InitList(&triple->ExecQueues, Queues);
   triple->TerminatingQueue.name = "qu_admin_terminating";
   triple->TerminatingQueue.eState = running;
   InitList(&triple->TerminatingQueue.ListOfJobs, Jobs);

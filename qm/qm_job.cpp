@@ -418,6 +418,30 @@ int ParseArgs(Query* q, const char* optstring, JobArgs* args, char* error, std::
 // Creation and destruction
 // ---------------------------------------------------------------------------
 
+namespace {
+
+/// The common end of both grammars: a follow-up text becomes the job's
+/// follow-up job through the same grammar (create); a failed follow-up
+/// destroys the new job.
+Job* FinishJob(Query* q, Job* job, std::string_view follow, Job* (*create)(Query*, Job*, char*, std::size_t),
+               const char* name, char* error, std::size_t error_size) {
+  if (!follow.empty()) {
+    CopyCut(q->szCmdArgs, follow);
+    job->pFollowUpJob = create(q, job, error, error_size);
+    if (job->pFollowUpJob == nullptr) {
+      trace("%l1 [CTX:%d] --- CreateJob: return new Job, follow_up job failed: %s", iContext, error);
+      DestroyJob(job);
+      return nullptr;
+    }
+  }
+  trace("%l2 Prio: %d, maxStep: %d, job: %s eno: %d", job->priority, job->MaxAnswerStep, job->job_name.c_str(),
+        job->EntryNumb);
+  trace("%l2 [CTX:%d] --- %s: return new Job eno:%d", iContext, name, job->EntryNumb);
+  return job;
+}
+
+}  // namespace
+
 Job* CreateJob(Query* q, Job* previous, char* error, std::size_t error_size) {
   trace("%l2 [CTX:%d] +++ CreateJob: %s", iContext, previous != nullptr ? "for follow up" : "");
   Job* job = NewJob(q, error, error_size);
@@ -488,19 +512,7 @@ Job* CreateJob(Query* q, Job* previous, char* error, std::size_t error_size) {
   job->arg_count = CountList(&job->ListOfArguments);
   FreeJobArgs(&args);
 
-  if (follow_up[0] != '\0') {
-    CopyCut(q->szCmdArgs, follow_up);
-    job->pFollowUpJob = CreateJob(q, job, error, error_size);
-    if (job->pFollowUpJob == nullptr) {
-      trace("%l1 [CTX:%d] --- CreateJob: return new Job, follow_up job failed: %s", iContext, error);
-      DestroyJob(job);
-      return nullptr;
-    }
-  }
-  trace("%l2 Prio: %d, maxStep: %d, job: %s eno: %d", job->priority, job->MaxAnswerStep, job->job_name.c_str(),
-        job->EntryNumb);
-  trace("%l2 [CTX:%d] --- CreateJob: return new Job eno:%d", iContext, job->EntryNumb);
-  return job;
+  return FinishJob(q, job, follow_up, CreateJob, "CreateJob", error, error_size);
 }
 
 Job* CreateJobOld(Query* q, Job* previous, char* error, std::size_t error_size) {
@@ -609,19 +621,7 @@ Job* CreateJobOld(Query* q, Job* previous, char* error, std::size_t error_size) 
   }
   job->arg_count = CountList(&job->ListOfArguments);
 
-  if (!follow.empty()) {
-    CopyCut(q->szCmdArgs, follow);
-    job->pFollowUpJob = CreateJobOld(q, job, error, error_size);
-    if (job->pFollowUpJob == nullptr) {
-      trace("%l1 [CTX:%d] --- CreateJob: return new Job, follow_up job failed: %s", iContext, error);
-      DestroyJob(job);
-      return nullptr;
-    }
-  }
-  trace("%l2 Prio: %d, maxStep: %d, job: %s eno: %d", job->priority, job->MaxAnswerStep, job->job_name.c_str(),
-        job->EntryNumb);
-  trace("%l2 [CTX:%d] --- CreateJobOld: return new Job eno:%d", iContext, job->EntryNumb);
-  return job;
+  return FinishJob(q, job, follow, CreateJobOld, "CreateJobOld", error, error_size);
 }
 
 PreferredResourceType SpecifyJobResource(Job* job) {

@@ -333,6 +333,9 @@ const char* szQueState(int state);
 /// null when memory is exhausted.
 Queue* CreateResourceQue(QueueTriple* triple, std::string_view spec, Counter* counter,
                          const QueueJobLimits* limits);
+/// A new, empty triple of that name and kind (2 ordinary, 1 the admin
+/// triple), not yet in any list; null when it cannot be allocated.
+QueueTriple* NewQueTriple(std::string_view name, char que_type);
 /// A new triple with its resource queues (spec: "" for the single resource
 /// "single", else "a/b/..."), appended to Root. Null when it cannot be
 /// allocated; *failed_queues set when a resource queue could not be made.

@@ -107,23 +107,23 @@ Queue* CreateResourceQue(QueueTriple* triple, std::string_view spec, Counter* co
   return queue;
 }
 
-QueueTriple* CreateQueTriple(std::string_view name, std::string_view resources, Counter* counter,
-                             const QueueJobLimits* limits, bool* failed_queues) {
-  if (failed_queues != nullptr) *failed_queues = false;
+QueueTriple* NewQueTriple(std::string_view name, char que_type) {
+  // Running, modes occupied/fill/ordered, no weight, no counts: the record's defaults.
   auto* triple = new (std::nothrow) QueueTriple{};
   if (triple == nullptr) return nullptr;
   triple->name = name;
-  triple->queType = 2;
-  triple->status = running;
-  triple->eAllocMode = e_allocation_occupied;
-  triple->eBalMode = e_balancing_fill;
-  triple->eDecMode = e_decision_ordered;
-  triple->dWeightSum = 0.0;
+  triple->queType = que_type;
   InitList(&triple->HoldingQue, Jobs);
   InitList(&triple->PendingQue, Jobs);
   InitList(&triple->ExecQueues, Queues);
-  triple->iSynchronCount = 0;
-  triple->iExecQueCount = 0;
+  return triple;
+}
+
+QueueTriple* CreateQueTriple(std::string_view name, std::string_view resources, Counter* counter,
+                             const QueueJobLimits* limits, bool* failed_queues) {
+  if (failed_queues != nullptr) *failed_queues = false;
+  QueueTriple* triple = NewQueTriple(name, 2);
+  if (triple == nullptr) return nullptr;
 
   auto add = [&](std::string_view resource) {
     Queue* queue = CreateResourceQue(triple, resource, counter, limits);
