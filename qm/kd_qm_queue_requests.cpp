@@ -212,6 +212,7 @@ pid_t fork_listing_child() {
     return -1;
   }
   if (child > 0) trace("%l2 answer_show: Further work will be done by my child with pid %d", static_cast<int>(child));
+  if (child == 0) SetAnswerWriterTimers();
   return child;
 }
 

@@ -3,6 +3,7 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -60,6 +61,7 @@ int wait_writable(int fd, int timeout_ms) {
 
 /// The answer child: opens the pipe, writes digit and text, exits.
 [[noreturn]] void write_answer_and_exit(long pid, int status, const char* text) {
+  SetAnswerWriterTimers();
   const int fd = iOpen_From_QM_Pipe(pid);
   if (fd < 0) {
     const int err = errno;
@@ -92,6 +94,8 @@ int wait_writable(int fd, int timeout_ms) {
 void BuildAnswerPipePath(long pid, char (&path)[1024]) {
   x_Snprintf(path, sizeof path, "%scom%sfrom_qm_pipe%ld", gszQmDir, "/", pid);
 }
+
+void SetAnswerWriterTimers() { prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL); }
 
 int iOpen_From_QM_Pipe(long pid) {
   char path[1024];

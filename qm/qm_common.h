@@ -22,6 +22,11 @@ struct QueueTriple;
 /// to. Returns the descriptor (close-on-exec) or -1 with errno kept (ELOOP
 /// for a link, EINVAL for no FIFO).
 int iOpen_From_QM_Pipe(long pid);
+/// Called first in a forked answer writer: its timers get no slack, so that
+/// the pause before opening the client's pipe is the 10 microseconds asked
+/// for rather than the default slack's 60. Not for the daemon, whose jobs
+/// would inherit it.
+void SetAnswerWriterTimers();
 
 /// Waits at most one second for the stream's descriptor to take data, then
 /// formats and writes. Returns the number of characters written. Ends the

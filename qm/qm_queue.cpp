@@ -141,21 +141,31 @@ int StringContainsPrioritySlots(const char* text) {
   return text != nullptr && std::strstr(text, "-p") != nullptr ? 1 : 0;
 }
 
+namespace {
+
+/// The request pattern of ParseQueueArgs, compiled once for the process's
+/// life; null when it does not compile. Kept as it has always been: in
+/// effect any text holding "-p".
+const regex_t* PrioritySlotPattern() {
+  static regex_t re;
+  static const bool compiled = regcomp(&re, ".*-p[\\d\\.\\s]*[0-9=]*.*", 0) == 0;
+  return compiled ? &re : nullptr;
+}
+
+}  // namespace
+
 int ParseQueueArgs(int skip, Query* q, QueueJobLimits* limits) {
   trace("%l2 +++ ParseQueueArgs");
-  regex_t re;
-  // The pattern is kept as it has always been: in effect any text holding "-p".
-  if (regcomp(&re, ".*-p[\\d\\.\\s]*[0-9=]*.*", 0) != 0) {
+  const regex_t* re = PrioritySlotPattern();
+  if (re == nullptr) {
     trace("%l1 ParseQueueArgs: ERROR: regcomp failed");
     return 1;
   }
   if (skip != 0) {
-    regfree(&re);
     trace("%l2 --- ParseQueueArgs: skipped");
     return 0;
   }
-  const bool matched = regexec(&re, q->szCmdArgs, 0, nullptr, 0) == 0;
-  regfree(&re);
+  const bool matched = regexec(re, q->szCmdArgs, 0, nullptr, 0) == 0;
   if (!matched) {
     trace("%l2 --- ParseQueueArgs: no priority slots");
     return 0;
