@@ -73,6 +73,17 @@ class BenchDaemon {
   }
   bool ready() const { return ready_; }
   std::string qm_dir() const { return inst_.qm(); }
+  /// Resident size of the daemon in kB, from /proc; 0 when unreadable.
+  long rss_kb() const {
+    std::FILE* f = std::fopen(("/proc/" + std::to_string(proc_.pid()) + "/status").c_str(), "r");
+    if (f == nullptr) return 0;
+    char line[256];
+    long kb = 0;
+    while (std::fgets(line, sizeof line, f) != nullptr)
+      if (std::sscanf(line, "VmRSS: %ld", &kb) == 1) break;
+    std::fclose(f);
+    return kb;
+  }
 
  private:
   kdtest::TestInstance inst_;
@@ -259,6 +270,7 @@ void BM_Create10000(benchmark::State& state) {
       ok = failed == 0 ? kCount : 0;
     }
     const double s = std::chrono::duration<double>(Clock::now() - t0).count();
+    state.counters["daemon_rss_kB"] = static_cast<double>(daemon.rss_kb());
     if (ok != kCount) {
       state.SkipWithError("a queue_init was not answered Ok");
       return;

@@ -67,11 +67,11 @@ void ResetDaemon() {
   for (QueueTriple* triple : Elements<QueueTriple>(Root)) {
     DestroyJobs(&triple->HoldingQue);
     DestroyJobs(&triple->PendingQue);
-    DestroyJobs(&triple->TerminatingQueue.ListOfJobs);
+    if (triple->TerminatingQueue != nullptr) DestroyJobs(&triple->TerminatingQueue->ListOfJobs);
     for (Queue* queue : Elements<Queue>(triple->ExecQueues)) DestroyJobs(&queue->ListOfJobs);
     if (triple != gAdminQueue) RemoveQueTriple(&Root, triple);
   }
-  if (gAdminQueue != nullptr && Root.Head == nullptr) AddTail(&Root, NodeOf(gAdminQueue));  // unlinked by a shutdown
+  if (gAdminQueue != nullptr && Root.Head == nullptr) LinkQueTriple(gAdminQueue);  // unlinked by a shutdown
   RemoveList(&gCounters);
   RemoveList(&gGlobalResources);
   DestroyJobs(&gJobStack);

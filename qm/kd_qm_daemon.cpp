@@ -833,8 +833,33 @@ int iEXEC_REQUEST(const char* line) {
   return DispatchQuery(&q);
 }
 
+namespace {
+
+/// Requests that cannot put a job into a queue or set a resource queue
+/// running: after them, triples found at rest by the last pass still are.
+/// (queue_init creates idle queues and changes limits, shares and servers.)
+constexpr bool LeavesTriplesAtRest(int mode) {
+  switch (mode) {
+    case queue_init:
+    case queue_sho:
+    case queue_sho_name:
+    case queue_sho_status:
+    case queue_sho_full:
+    case queue_sho_csv:
+    case job_sho:
+    case job_sho_name:
+    case job_sho_full:
+    case show_global_resources:
+    case process_signal: return true;
+    default: return false;
+  }
+}
+
+}  // namespace
+
 int DispatchQuery(Query* q) {
   const int mode = q->function;
+  if (!LeavesTriplesAtRest(mode)) qm_hook_UnsettleQueTriples();
   const int result = mode >= 0 && mode <= invalid_mode ? kRequestHandlers[static_cast<std::size_t>(mode)](q)
                                                        : request_invalid_mode(q);
   if (result != 0) trace("%l2 EXEC_REQUEST returns %d", result);

@@ -27,6 +27,7 @@ int qm_hook_InitQMAdminQueue() { return InitQMAdminQueue(); }
 void qm_hook_CheckUnregisteredGlobalResources() { CheckUnregisteredGlobalResources(); }
 void qm_hook_ProcessQMAdminQueue() { ProcessQMAdminQueue(); }
 void qm_hook_ProcessAllQueTriples() { ProcessAllQueTriples(); }
+void qm_hook_UnsettleQueTriples() { UnsettleQueTriples(); }
 void qm_hook_process_qm_tasks() { process_qm_tasks(); }
 void qm_hook_SetKdQmExitLog(const char* day_stamp) { SetKdQmExitLog(day_stamp); }
 
@@ -35,7 +36,7 @@ void qm_hook_SetPendingStateExitCodes(const char* exit_code) {
   std::string code = exit_code != nullptr ? exit_code : "0";
   for (QueueTriple* triple : Elements<QueueTriple>(Root)) {
     if (triple == gAdminQueue) {
-      WalkList(&triple->TerminatingQueue.ListOfJobs, SetPendingStateExitCode, code.data(), nullptr);
+      WalkList(&triple->TerminatingQueue->ListOfJobs, SetPendingStateExitCode, code.data(), nullptr);
     } else {
       WalkList(&triple->HoldingQue, SetPendingStateExitCode, code.data(), nullptr);
       WalkList(&triple->PendingQue, SetPendingStateExitCode, code.data(), nullptr);
@@ -71,7 +72,7 @@ void qm_hook_WriteQueueView(FILE* out, QueueTriple* triple, char selector) {
       if (triple == gAdminQueue) {
         // Unlinked but kept: the triples removed after it still hand their
         // waiting jobs to its terminating queue.
-        RemNode(&Root, NodeOf(triple));
+        UnlinkQueTriple(triple);
       } else {
         RemoveQueTriple(&Root, triple);
       }

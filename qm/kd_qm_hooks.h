@@ -31,6 +31,8 @@ void qm_hook_ProcessQMAdminQueue();
 
 /// Runs the scheduling pass on every queue triple of the root list.
 void qm_hook_ProcessAllQueTriples();
+/// Makes the next scheduling pass look at every triple again.
+void qm_hook_UnsettleQueTriples();
 
 /// Runs the queue manager's task processing.
 void qm_hook_process_qm_tasks();

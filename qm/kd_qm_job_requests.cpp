@@ -34,7 +34,8 @@ int for_each_job_list(QueueTriple* triple, Fn fn) {
   if (int r = fn(&triple->PendingQue, place_pending); r != 0) return r;
   for (Queue* queue : Elements<Queue>(triple->ExecQueues))
     if (int r = fn(&queue->ListOfJobs, place_executing); r != 0) return r;
-  if (triple->queType == 1) return fn(&triple->TerminatingQueue.ListOfJobs, place_terminating);
+  if (triple->queType == 1 && triple->TerminatingQueue != nullptr)
+    return fn(&triple->TerminatingQueue->ListOfJobs, place_terminating);
   return 0;
 }
 

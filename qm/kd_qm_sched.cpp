@@ -748,23 +748,35 @@ void ProcessQueTriple(QueueTriple* triple) {
 
 namespace {
 
-/// A triple without any job whose resource queues are all idle: its pass
-/// reaps, expires, moves and starts nothing and changes no state.
-bool TripleIsInert(const QueueTriple* triple) {
+/// The last walk left every triple at rest and no request has unsettled them since.
+bool gTriplesSettled = false;
+
+}  // namespace
+
+bool TripleAtRest(const QueueTriple* triple) {
+  // A resource queue without jobs changes only while running (to idle); any
+  // other state stays as it is until a request or a job comes.
   if (triple->HoldingQue.Head != nullptr || triple->PendingQue.Head != nullptr) return false;
   for (const Node* n = triple->ExecQueues.Head; n != nullptr; n = n->Next) {
     const Queue* queue = reinterpret_cast<const Queue*>(n);
-    if (queue->eState != idle || queue->ListOfJobs.Head != nullptr) return false;
+    if (queue->eState == running || queue->ListOfJobs.Head != nullptr) return false;
   }
   return true;
 }
 
-}  // namespace
+void UnsettleQueTriples() { gTriplesSettled = false; }
 
 void ProcessAllQueTriples() {
-  // Every answer writer's end brings a pass over all triples: inert ones
-  // are skipped unless the trace wants their flow lines (level 2 and up).
+  // Every answer writer's end brings a pass over all triples: with thousands
+  // of queues and no job anywhere, the walk itself would be the daemon's
+  // main cost.
   const bool flow_traced = strLocalLog.iLogLevel >= 2;
-  for (QueueTriple* triple : Elements<QueueTriple>(Root))
-    if (flow_traced || !TripleIsInert(triple)) ProcessQueTriple(triple);
+  if (gTriplesSettled && JobTally::alive == 0 && !flow_traced) return;
+  bool settled = true;
+  for (QueueTriple* triple : Elements<QueueTriple>(Root)) {
+    if (!flow_traced && TripleAtRest(triple)) continue;
+    ProcessQueTriple(triple);
+    settled = settled && TripleAtRest(triple);
+  }
+  gTriplesSettled = settled;
 }

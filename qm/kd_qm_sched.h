@@ -24,8 +24,18 @@ inline constexpr int32_t kLogExpiredExec = 4;
 /// One pass over one triple: reap and stop executing jobs, retire overdue and
 /// expired ones, move due holding jobs to pending and start what may start.
 void ProcessQueTriple(QueueTriple* triple);
-/// ProcessQueTriple over every triple of Root.
+/// ProcessQueTriple over every triple of Root. Triples at rest (no job, no
+/// running resource queue) are skipped, and so is the whole walk while no job
+/// exists and nothing has unsettled the triples since a walk found them all
+/// at rest; flow traces (level 2 and up) see every triple.
 void ProcessAllQueTriples();
+/// Forgets that the last walk found every triple at rest: the next walk
+/// looks at them again. Called before every request that can change a queue
+/// triple other than by creating it.
+void UnsettleQueTriples();
+/// A triple whose pass would change nothing: no job in its holding, pending
+/// or executing queues and no resource queue running.
+bool TripleAtRest(const QueueTriple* triple);
 
 /// Walk callback over a triple's ExecQueues (triple as first argument):
 /// stops the jobs of stopped queues or triples, reaps ended jobs, and makes a

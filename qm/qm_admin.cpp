@@ -20,12 +20,13 @@ int InitQMAdminQueue() {
     trace("%l1 --- InitQMAdminQueue: cannot allocate the admin queue");
     return -1;
   }
-  triple->TerminatingQueue.name = "qu_admin_terminating";
-  triple->TerminatingQueue.eState = running;
-  InitList(&triple->TerminatingQueue.ListOfJobs, Jobs);
-  InitList(&triple->TerminatingQueue.ListOfJobLimitsByJobPriority, JobLimitsByJobPriority);
+  Queue* const terminating = triple->TerminatingQueue.get();
+  terminating->name = "qu_admin_terminating";
+  terminating->eState = running;
+  InitList(&terminating->ListOfJobs, Jobs);
+  InitList(&terminating->ListOfJobLimitsByJobPriority, JobLimitsByJobPriority);
   // In the root list, so that the listings show it.
-  AddTail(&Root, NodeOf(triple));
+  LinkQueTriple(triple);
   gAdminQueue = triple;
   InitList(&gJobStack, Jobs);
   trace("--- InitQMAdminQueue");
@@ -42,7 +43,7 @@ void JobToAdminQueueTerminate(Job* job, Queue* queue) {
           job->job_name.c_str());
     return;
   }
-  AddTail(&gAdminQueue->TerminatingQueue.ListOfJobs, NodeOf(job));
+  AddTail(&gAdminQueue->TerminatingQueue->ListOfJobs, NodeOf(job));
 }
 
 void ProcessQMAdminQueue() { TerminateTerminatingJobs(); }
@@ -50,7 +51,7 @@ void ProcessQMAdminQueue() { TerminateTerminatingJobs(); }
 void TerminateTerminatingJobs() {
   if (gAdminQueue == nullptr) return;
   trace("%l2 +++ TerminateTerminatingJobs");
-  Queue* const terminating = &gAdminQueue->TerminatingQueue;
+  Queue* const terminating = gAdminQueue->TerminatingQueue.get();
   // Ended children first, so that the stages below see only living jobs.
   WalkList(&terminating->ListOfJobs, JobControl, terminating, nullptr);
   WalkList(&terminating->ListOfJobs, ProcessTerminatingQueJob, terminating, nullptr);
@@ -59,7 +60,7 @@ void TerminateTerminatingJobs() {
 
 void ProcessTerminatingQueJob(Node* node, void* queue_arg, void*) {
   Job* const job = ElementOf<Job>(node);
-  Queue* const queue = queue_arg != nullptr ? static_cast<Queue*>(queue_arg) : &gAdminQueue->TerminatingQueue;
+  Queue* const queue = queue_arg != nullptr ? static_cast<Queue*>(queue_arg) : gAdminQueue->TerminatingQueue.get();
   iContext = job->EntryNumb;
   trace("%l2 [CTX:%d] Terminating job [%s] eno:%d", iContext, job->job_name.c_str(), job->EntryNumb);
   if (MinimalJobRunTimeExpired(job) == 0) {

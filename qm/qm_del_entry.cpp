@@ -32,8 +32,8 @@ int EntryRequestNumber(const std::string& word, int* value) {
 Job* FindEntryJob(int32_t entry, QueueTriple** triple) {
   for (QueueTriple* t : Elements<QueueTriple>(Root)) {
     Job* job = FindJobByEntryNumber(t, entry);
-    if (job == nullptr && t->queType == 1) {
-      Node* node = SearchList(&t->TerminatingQueue.ListOfJobs, EntryNumber, IntArg(entry), nullptr);
+    if (job == nullptr && t->TerminatingQueue != nullptr) {
+      Node* node = SearchList(&t->TerminatingQueue->ListOfJobs, EntryNumber, IntArg(entry), nullptr);
       if (node != nullptr) job = ElementOf<Job>(node);
     }
     if (job != nullptr) {

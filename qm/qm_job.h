@@ -35,6 +35,16 @@ struct JATuple {
   int32_t value = 0;
 };
 
+/// Counts the Job records alive: with none, no queue holds a job, which lets
+/// the scheduling pass skip its walk (see ProcessAllQueTriples).
+struct JobTally {
+  static inline long alive = 0;
+  JobTally() noexcept { ++alive; }
+  JobTally(const JobTally&) noexcept { ++alive; }
+  JobTally& operator=(const JobTally&) noexcept = default;
+  ~JobTally() { --alive; }
+};
+
 /// One submitted job.
 struct Job {
   Node n;
@@ -82,6 +92,7 @@ struct Job {
   int32_t iLogFlags = 0;
   List ListOfJobRestartConditions{nullptr, nullptr, RestartConditions};
   List ListOfRestartTimes{nullptr, nullptr, RestartTimes};
+  JobTally tally;
 };
 
 template <> struct ElementKind<Job> { static constexpr ListOf value = Jobs; };

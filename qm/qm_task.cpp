@@ -41,8 +41,8 @@ void WaitJobToTerminate::execute() {
       for (Queue* queue : Elements<Queue>(triple->ExecQueues))
         for (Job* job : Elements<Job>(queue->ListOfJobs))
           if (job->PID == m_PID && job->EntryNumb == m_EntryNo) return;
-    } else {
-      for (Job* job : Elements<Job>(triple->TerminatingQueue.ListOfJobs))
+    } else if (triple->TerminatingQueue != nullptr) {
+      for (Job* job : Elements<Job>(triple->TerminatingQueue->ListOfJobs))
         if (job->PID == m_PID && job->EntryNumb == m_EntryNo) return;
     }
   }

@@ -237,8 +237,30 @@ struct Queue {
   int iLoopFoundJobRequest = 0;   ///< scratch mark of the selection pass
 };
 
+/// The owner of a queue held by pointer. A plain pointer inside: the records
+/// stay standard-layout with every compiler and library, which
+/// std::unique_ptr does not promise.
+class OwnedQueue {
+ public:
+  OwnedQueue() = default;
+  OwnedQueue(const OwnedQueue&) = delete;
+  OwnedQueue& operator=(const OwnedQueue&) = delete;
+  ~OwnedQueue() { delete queue_; }
+  void reset(Queue* queue) {
+    delete queue_;
+    queue_ = queue;
+  }
+  Queue* get() const { return queue_; }
+  Queue* operator->() const { return queue_; }
+  friend bool operator==(const OwnedQueue& owned, std::nullptr_t) { return owned.queue_ == nullptr; }
+
+ private:
+  Queue* queue_ = nullptr;
+};
+
 /// A named queue: holding, pending and resource queues, plus the
-/// terminating queue of the admin triple.
+/// terminating queue of the admin triple (the only triple that has one:
+/// thousands of ordinary triples do not each carry an unused queue).
 struct QueueTriple {
   Node n;
   CappedText<1024> name;
@@ -253,7 +275,7 @@ struct QueueTriple {
   int iSynchronCount = 0;
   double dWeightSum = 0.0;
   List ExecQueues{nullptr, nullptr, Queues};
-  Queue TerminatingQueue;
+  OwnedQueue TerminatingQueue;  ///< admin triple (queType 1) only; else null
 };
 
 /// A list element that refers to a queue owned by another list.
@@ -310,8 +332,13 @@ extern List Root;              ///< all queue triples
 extern List gCounters;         ///< global job-limit counters
 extern List gGlobalResources;  ///< global resources
 
-/// Initialises the three root lists.
+/// Initialises the three root lists (and empties the name index of Root).
 void InitRootLists();
+/// Appends a triple to Root and enters it into the name index of
+/// FindQueTriple. A triple's name never changes once it is in Root.
+void LinkQueTriple(QueueTriple* triple);
+/// Takes a triple out of Root and out of the name index; the triple stays.
+void UnlinkQueTriple(QueueTriple* triple);
 
 // ---------------------------------------------------------------------------
 // Mode keywords
@@ -334,7 +361,8 @@ const char* szQueState(int state);
 Queue* CreateResourceQue(QueueTriple* triple, std::string_view spec, Counter* counter,
                          const QueueJobLimits* limits);
 /// A new, empty triple of that name and kind (2 ordinary, 1 the admin
-/// triple), not yet in any list; null when it cannot be allocated.
+/// triple, which gets an empty terminating queue), not yet in any list;
+/// null when it cannot be allocated.
 QueueTriple* NewQueTriple(std::string_view name, char que_type);
 /// A new triple with its resource queues (spec: "" for the single resource
 /// "single", else "a/b/..."), appended to Root. Null when it cannot be
@@ -354,7 +382,8 @@ int getResourceList(QueueTriple* triple, std::string_view request, std::string* 
 /// Frees the items of a Resource list.
 void FreeResourceList(List* list);
 
-/// The triple of that name, or null.
+/// The triple of that name in Root, or null (through the name index: with
+/// thousands of triples a walk of Root would be the main cost of a request).
 QueueTriple* FindQueTriple(std::string_view name);
 /// The resource queue of that name in the triple, or null.
 Queue* FindResourceQue(QueueTriple* triple, std::string_view name);

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <new>
 #include <string>
+#include <unordered_map>
 
 #include "cm_trace.h"
 #include "kd_hal_qm.h"
@@ -19,8 +20,17 @@ List Root{nullptr, nullptr, QueueTriples};
 List gCounters{nullptr, nullptr, Counters};
 List gGlobalResources{nullptr, nullptr, GlobalResources};
 
+namespace {
+
+/// The triples of Root by name. Keys view the triples' own names; the first
+/// triple linked under a name is the one found, as a walk of Root would.
+std::unordered_map<std::string_view, QueueTriple*> gTriplesByName;
+
+}  // namespace
+
 void InitRootLists() {
   InitList(&Root, QueueTriples);
+  gTriplesByName.clear();
   InitList(&gCounters, Counters);
   InitList(&gGlobalResources, GlobalResources);
 }
@@ -116,6 +126,13 @@ QueueTriple* NewQueTriple(std::string_view name, char que_type) {
   InitList(&triple->HoldingQue, Jobs);
   InitList(&triple->PendingQue, Jobs);
   InitList(&triple->ExecQueues, Queues);
+  if (que_type == 1) {
+    triple->TerminatingQueue.reset(new (std::nothrow) Queue{});
+    if (triple->TerminatingQueue == nullptr) {
+      delete triple;
+      return nullptr;
+    }
+  }
   return triple;
 }
 
@@ -148,8 +165,19 @@ QueueTriple* CreateQueTriple(std::string_view name, std::string_view resources, 
     pos = end + 1;
   }
   if (!any) add("single");
-  AddTail(&Root, NodeOf(triple));
+  LinkQueTriple(triple);
   return triple;
+}
+
+void LinkQueTriple(QueueTriple* triple) {
+  AddTail(&Root, NodeOf(triple));
+  gTriplesByName.emplace(triple->name.view(), triple);
+}
+
+void UnlinkQueTriple(QueueTriple* triple) {
+  RemNode(&Root, NodeOf(triple));
+  const auto it = gTriplesByName.find(triple->name.view());
+  if (it != gTriplesByName.end() && it->second == triple) gTriplesByName.erase(it);
 }
 
 void RemoveResourceQue(Queue* queue, List* list) {
@@ -178,7 +206,7 @@ void terminate_waiting_jobs(List* jobs) {
     } else {
       // Code 0: the job is not to run at all. It would never end in the
       // terminating queue (it has no process), so it is removed there.
-      RemJob(job, gAdminQueue != nullptr ? &gAdminQueue->TerminatingQueue.ListOfJobs : nullptr);
+      RemJob(job, gAdminQueue != nullptr ? &gAdminQueue->TerminatingQueue->ListOfJobs : nullptr);
     }
   }
 }
@@ -187,7 +215,10 @@ void terminate_waiting_jobs(List* jobs) {
 
 void RemoveQueTriple(List* root, QueueTriple* triple) {
   trace("%l2 +++ RemoveQueTriple %s", triple->name.c_str());
-  RemNode(root, NodeOf(triple));
+  if (root == &Root)
+    UnlinkQueTriple(triple);
+  else
+    RemNode(root, NodeOf(triple));
   terminate_waiting_jobs(&triple->HoldingQue);
   terminate_waiting_jobs(&triple->PendingQue);
   for (Queue* queue : Elements<Queue>(triple->ExecQueues)) RemoveResourceQue(queue, &triple->ExecQueues);
@@ -292,9 +323,8 @@ void FreeResourceList(List* list) { RemoveList(list); }
 // ---------------------------------------------------------------------------
 
 QueueTriple* FindQueTriple(std::string_view name) {
-  std::string n(name);
-  Node* node = SearchList(&Root, QueName, n.data(), nullptr);
-  return node != nullptr ? ElementOf<QueueTriple>(node) : nullptr;
+  const auto it = gTriplesByName.find(name);
+  return it != gTriplesByName.end() ? it->second : nullptr;
 }
 
 Queue* FindResourceQue(QueueTriple* triple, std::string_view name) {

@@ -67,7 +67,8 @@ void write_table_view(QueueTriple* triple, const TableView& view, FILE* out) {
     for (Queue* queue : Elements<Queue>(triple->ExecQueues)) PrintQue(queue, view.ordinary_mode, &text);
   } else if (triple->queType == 1) {
     text += "terminating queue\n";
-    append_jobs(triple->TerminatingQueue.ListOfJobs, view.terminating_mode, &text);
+    if (triple->TerminatingQueue != nullptr)
+      append_jobs(triple->TerminatingQueue->ListOfJobs, view.terminating_mode, &text);
   }
   text += kViewClosing;
   write_text(out, text);
@@ -154,7 +155,7 @@ void ViewQueCSV(QueueTriple* triple, HPEER* peer) {
     append_csv_jobs(triple->HoldingQue, prefix, &text);
   } else if (triple->queType == 1) {
     std::snprintf(prefix, sizeof prefix, "%s,terminating", triple->name.c_str());
-    append_csv_jobs(triple->TerminatingQueue.ListOfJobs, prefix, &text);
+    if (triple->TerminatingQueue != nullptr) append_csv_jobs(triple->TerminatingQueue->ListOfJobs, prefix, &text);
   }
   write_text(peer->fOut, text);
 }

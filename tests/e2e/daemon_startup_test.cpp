@@ -40,6 +40,7 @@ void ExpectShutdownAnswer(const RawAnswer& a) {
 class DaemonStartTest : public DaemonTest {
  protected:
   bool StartInSetUp() const override { return false; }
+  int TraceLevel() const override { return 2; }
   /// Runs kd_qm_main to its end (for start-ups that fail or detach).
   ProcessResult RunDaemon(const std::vector<std::string>& args) { return Run("kd_qm_main", args, seconds(20)); }
   /// Content of the process lock's file.

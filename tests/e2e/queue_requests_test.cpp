@@ -44,6 +44,12 @@ std::string NoQueue(const std::string& name) {
 
 using QueueRequestsTest = DaemonTest;
 
+/// For the checks that read the flow lines of the trace (level 2).
+class QueueRequestsTracedTest : public DaemonTest {
+ protected:
+  int TraceLevel() const override { return 2; }
+};
+
 TEST_F(QueueRequestsTest, InitCreatesTriplesAndEveryViewShowsThemExactly) {
   EXPECT_EQ(Ask(queue_init, "q1/a/b 2").text, Ok("Queue initialised"));
   EXPECT_EQ(Ask(queue_init, "q2").text, Ok("Queue initialised"));
@@ -223,7 +229,7 @@ TEST_F(QueueRequestsTest, ListingWhileQueuesAreDeletedShowsTheStateAtItsStart) {
   EXPECT_EQ(Ask(queue_sho, "d*").text, NoQueue("d*"));
 }
 
-TEST_F(QueueRequestsTest, GlobalResourceTableAndShutdownListing) {
+TEST_F(QueueRequestsTracedTest, GlobalResourceTableAndShutdownListing) {
   ASSERT_EQ(Ask(queue_init, "q1").text, Ok("Queue initialised"));
   EXPECT_EQ(Ask(show_global_resources).text,
             "0global resource\tall_slots\tused_slots\tregistered_users\nqueue: qu_admin\nqueue: q1\n\n"

@@ -133,6 +133,12 @@ class SchedulingTest : public DaemonTest {
   }
 };
 
+/// For the checks that read the flow lines of the trace (level 2).
+class SchedulingTracedTest : public SchedulingTest {
+ protected:
+  int TraceLevel() const override { return 2; }
+};
+
 // The pending queue is in priority order (0 first, then larger numbers,
 // arrival order within a level); with job limit 1 the jobs start in that order.
 TEST_F(SchedulingTest, PendingJobsStartInPriorityOrder) {
@@ -156,7 +162,7 @@ TEST_F(SchedulingTest, PendingJobsStartInPriorityOrder) {
 // r runs a job of allocation X. A (priority 5, allocation Y) holds B (3, X)
 // back on r; A starts on s once s has dropped its stale allocation, and the
 // cascade to level 3 then starts B on r within the same pass.
-TEST_F(SchedulingTest, CascadeStartsTheNextLevelOnceTheHigherOneHasStarted) {
+TEST_F(SchedulingTracedTest, CascadeStartsTheNextLevelOnceTheHigherOneHasStarted) {
   ASSERT_EQ(Ask(queue_init, "q1/r/s 2").text, Ok("Queue initialised"));
   EXPECT_EQ(Submit("q1/X/r", "x"), Ok("1"));
   ASSERT_TRUE(Started("x"));

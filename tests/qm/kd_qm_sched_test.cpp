@@ -1,6 +1,6 @@
 // The scheduling pass on real triples with tiny real jobs (/bin/true): the
-// allocation modes, queues of weight 0, lazy jobs, and the weighted random
-// order.
+// allocation modes, queues of weight 0, lazy jobs, the weighted random
+// order, and walks over triples at rest.
 #include "kd_qm_sched.h"
 
 #include <signal.h>
@@ -31,6 +31,7 @@ class SchedTest : public ::testing::Test {
     strLocalLog.iLogLevel = 3;
     SetKdQmExitLog("20260101");
     InitRootLists();
+    UnsettleQueTriples();
   }
   void TearDown() override {
     for (QueueTriple* t : Elements<QueueTriple>(Root)) {
@@ -132,6 +133,33 @@ TEST_F(SchedTest, AllocationModes) {
 // A queue of weight 0 in a triple with weight takes only jobs that name it;
 // a lazy job naming it is released to any resource instead. A stopped
 // queue releases two lazy jobs per call at most.
+// Once a walk has found every triple at rest and no job exists, walks skip
+// until a request unsettles the triples; a job that exists is always served.
+TEST_F(SchedTest, WalksOverTriplesAtRestSkipUntilUnsettledOrAJobExists) {
+  strLocalLog.iLogLevel = 1;  // flow traces would have every walk see every triple
+  QueueTriple* t = Triple("a", 1);
+  Queue* q = FindResourceQue(t, "a");
+  q->eState = blocked;
+  EXPECT_TRUE(TripleAtRest(t));
+  q->eState = idle;
+  ProcessAllQueTriples();
+
+  q->eState = running;  // as a queue_start leaves an empty resource, here without a request
+  EXPECT_FALSE(TripleAtRest(t));
+  ProcessAllQueTriples();
+  EXPECT_EQ(q->eState, running);
+  UnsettleQueTriples();
+  ProcessAllQueTriples();
+  EXPECT_EQ(q->eState, idle);
+
+  ProcessAllQueTriples();
+  Job* job = Add(&t->PendingQue, NewJob(0));
+  ProcessAllQueTriples();
+  EXPECT_EQ(q->ListOfJobs.Head, NodeOf(job));
+  EXPECT_GT(job->PID, 0);
+  EXPECT_FALSE(TripleAtRest(t));
+}
+
 TEST_F(SchedTest, WeightZeroQueueAndLazyJobs) {
   QueueTriple* t = Triple("a/b", 1);
   Queue* a = FindResourceQue(t, "a");

@@ -43,7 +43,7 @@ class TerminatingQueueTest : public ::testing::Test {
       WaitFor([&] { return waitpid(pid, &status, WNOHANG) != 0; }, 5s);
     }
     while (Node* n = RemHead(&Terminating()->ListOfJobs)) DestroyJob(ElementOf<Job>(n));
-    RemNode(&Root, NodeOf(gAdminQueue));
+    UnlinkQueTriple(gAdminQueue);
     delete gAdminQueue;
     gAdminQueue = nullptr;
     gQmNow = QmSystemNow;
@@ -51,7 +51,7 @@ class TerminatingQueueTest : public ::testing::Test {
     strLocalLog.iLogLevel = 0;
   }
 
-  static Queue* Terminating() { return &gAdminQueue->TerminatingQueue; }
+  static Queue* Terminating() { return gAdminQueue->TerminatingQueue.get(); }
   /// A started job running script, handed to the terminating queue.
   Job* StartInTerminating(const std::string& script, int soft, int hard) {
     auto* job = new Job{};

@@ -36,14 +36,16 @@ class EntryRequestTest : public ::testing::Test {
     kdtest::WaitFor([&] { return waitpid(-1, &status, WNOHANG) < 0; }, 10s);
     while (Root.Head != nullptr) {
       QueueTriple* t = ElementOf<QueueTriple>(Root.Head);
-      for (List* list : {&t->HoldingQue, &t->PendingQue, &t->TerminatingQueue.ListOfJobs})
+      for (List* list : {&t->HoldingQue, &t->PendingQue})
         while (Node* n = RemHead(list)) DestroyJob(ElementOf<Job>(n));
+      if (t->TerminatingQueue != nullptr)
+        while (Node* n = RemHead(&t->TerminatingQueue->ListOfJobs)) DestroyJob(ElementOf<Job>(n));
       for (Queue* queue : Elements<Queue>(t->ExecQueues))
         while (Node* n = RemHead(&queue->ListOfJobs)) DestroyJob(ElementOf<Job>(n));
       if (t != gAdminQueue) {
         RemoveQueTriple(&Root, t);
       } else {
-        RemNode(&Root, NodeOf(t));
+        UnlinkQueTriple(t);
         delete t;
       }
     }
@@ -111,7 +113,7 @@ TEST_F(EntryRequestTest, AnswersOfDeleteMoveAndSignal) {
   Place(&q1_->HoldingQue, 7);
   Job* running = Place(&Exec(q1_)->ListOfJobs, 8);
   Place(&Exec(q1_)->ListOfJobs, 9)->bFollowUpJobIsExecuted = true;
-  Place(&gAdminQueue->TerminatingQueue.ListOfJobs, 10);
+  Place(&gAdminQueue->TerminatingQueue->ListOfJobs, 10);
   Place(&q2_->PendingQue, 11);
   EXPECT_EQ(Ask(process_que_del_entry, "9"),
             "1STATUS=WARNING MSG=Origin job entry 9 finished - follow_up is executing!\n");

@@ -57,8 +57,9 @@ TEST(WaitJobToTerminateTest, WaitsOnExecutingJobsAndTheQmAdminTerminatingQueueOn
     AddTail(list, NodeOf(job));
   };
   place(&ElementOf<Queue>(FindQueTriple("q1")->ExecQueues.Head)->ListOfJobs, 100);
-  place(&FindQueTriple("qm_admin")->TerminatingQueue.ListOfJobs, 200);
-  place(&FindQueTriple("qu_admin")->TerminatingQueue.ListOfJobs, 300);
+  for (const char* name : {"qm_admin", "qu_admin"}) FindQueTriple(name)->TerminatingQueue.reset(new Queue{});
+  place(&FindQueTriple("qm_admin")->TerminatingQueue->ListOfJobs, 200);
+  place(&FindQueTriple("qu_admin")->TerminatingQueue->ListOfJobs, 300);
   const auto gone_at_once = [](int32_t pid, int32_t entry) {
     WaitJobToTerminate task(pid, entry, HPEER{}, 5);
     task.execute();
@@ -86,7 +87,8 @@ TEST(WaitJobToTerminateTest, WaitsOnExecutingJobsAndTheQmAdminTerminatingQueueOn
 
   while (Root.Head != nullptr) {
     QueueTriple* triple = ElementOf<QueueTriple>(Root.Head);
-    while (Node* j = RemHead(&triple->TerminatingQueue.ListOfJobs)) DestroyJob(ElementOf<Job>(j));
+    if (triple->TerminatingQueue != nullptr)
+      while (Node* j = RemHead(&triple->TerminatingQueue->ListOfJobs)) DestroyJob(ElementOf<Job>(j));
     while (Node* j = RemHead(&ElementOf<Queue>(triple->ExecQueues.Head)->ListOfJobs)) DestroyJob(ElementOf<Job>(j));
     RemoveQueTriple(&Root, triple);
   }

@@ -1,5 +1,6 @@
-// Queue triples and resource queues: resource specifications, job-limit
-// changes under running jobs, share states per allocation mode.
+// Queue triples and resource queues: look-up by name, resource
+// specifications, job-limit changes under running jobs, share states per
+// allocation mode.
 #include <string>
 #include <vector>
 
@@ -39,6 +40,45 @@ class QueueModelTest : public ::testing::Test {
   kdtest::TestInstance inst_;
   str_log rec_;
 };
+
+// The look-up follows Root through creation, removal, unlinking and
+// re-linking; names are compared whole and exactly, at their cut length.
+TEST_F(QueueModelTest, LookUpByNameFollowsRoot) {
+  QueueTriple* a = CreateQueTriple("a", "", nullptr, nullptr, nullptr);
+  QueueTriple* b = CreateQueTriple("b", "", nullptr, nullptr, nullptr);
+  const std::string long_name(2000, 'x');
+  QueueTriple* cut = CreateQueTriple(long_name, "", nullptr, nullptr, nullptr);
+  EXPECT_EQ(FindQueTriple("a"), a);
+  EXPECT_EQ(FindQueTriple("b"), b);
+  EXPECT_EQ(FindQueTriple(""), nullptr);
+  EXPECT_EQ(FindQueTriple("A"), nullptr);
+  EXPECT_EQ(FindQueTriple("a "), nullptr);
+  EXPECT_EQ(FindQueTriple(long_name), nullptr);
+  EXPECT_EQ(FindQueTriple(long_name.substr(0, 1023)), cut);
+
+  RemoveQueTriple(&Root, a);
+  EXPECT_EQ(FindQueTriple("a"), nullptr);
+  UnlinkQueTriple(b);
+  EXPECT_EQ(FindQueTriple("b"), nullptr);
+  EXPECT_EQ(CountList(&Root), 1);
+  LinkQueTriple(b);
+  EXPECT_EQ(FindQueTriple("b"), b);
+  EXPECT_EQ(ElementOf<QueueTriple>(Root.Tail), b);
+
+  // A second triple of a taken name (never made by a request) is not the
+  // one found, and unlinking it leaves the first one found.
+  QueueTriple* twin = NewQueTriple("b", 2);
+  LinkQueTriple(twin);
+  EXPECT_EQ(FindQueTriple("b"), b);
+  UnlinkQueTriple(twin);
+  EXPECT_EQ(FindQueTriple("b"), b);
+  delete twin;
+
+  InitRootLists();  // forgets the triples without freeing them
+  EXPECT_EQ(FindQueTriple("b"), nullptr);
+  delete b;
+  delete cut;
+}
 
 TEST_F(QueueModelTest, ResourceSpecificationsAndRequests) {
   std::string share, resource, server;

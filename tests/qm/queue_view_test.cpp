@@ -108,7 +108,8 @@ TEST_F(JobListingTest, ShortLinesShowResourcesAlsoInTheTerminatingQueue) {
   QueueTriple admin;
   admin.name = "qu_admin";
   admin.queType = 1;
-  AddTail(&admin.TerminatingQueue.ListOfJobs, NodeOf(&waiting));
+  admin.TerminatingQueue.reset(new Queue{});
+  AddTail(&admin.TerminatingQueue->ListOfJobs, NodeOf(&waiting));
   EXPECT_EQ(Written([&](FILE* f) { ViewQueFull(&admin, f); }),
             "que_name= qu_admin\tstatus= running\tbalancing= fill/ordered\t allocation mode= occupied\n"
             "terminating queue\n" +
