@@ -76,8 +76,8 @@ TEST_F(QueueModelTest, LookUpByNameFollowsRoot) {
 
   InitRootLists();  // forgets the triples without freeing them
   EXPECT_EQ(FindQueTriple("b"), nullptr);
-  delete b;
-  delete cut;
+  LinkQueTriple(b);  // for the fixture to free
+  LinkQueTriple(cut);
 }
 
 TEST_F(QueueModelTest, ResourceSpecificationsAndRequests) {
