@@ -11,7 +11,9 @@
 //   reaped outside the timing.
 // BM_Create10000: 10,000 queue_init requests one after another against a
 //   fresh daemon, each answered before the next is sent, as kd_qm does it:
-//   from one client, and from four clients at once.
+//   from one client, and from four clients at once. Besides the rate, the
+//   daemon's resident size after the last one (every answer writer is a
+//   fork, whose cost grows with it).
 // BM_InitInDaemon: the same 10,000 queue_init requests executed in this
 //   process; iEXEC_REQUEST alone is timed (the daemon's share, including the
 //   fork of the answer writer), the answer is read and the writer reaped
