@@ -36,12 +36,12 @@ inline const std::string& MakeInstance() {
     std::abort();
   }
   root = templ;
-  for (const char* d : {"log", "ini", "glbv", "work", "work/sem", "qm", "qm/com", "bin"})
+  for (const char* d : {"log", "ini", "glbv", "workdir", "workdir/sem", "qm", "qm/com", "bin"})
     std::filesystem::create_directories(root + "/" + d);
   WriteText(root + "/kelda.ini", "KD_INI=" + root + "/ini/kd.ini\n");
   std::string ini = "[Pathes]\n";
   for (const auto& [key, dir] : {std::pair{"gv_rw_lgc", "log"}, {"gv_rw_ini", "ini"}, {"gv_rw_glbv", "glbv"},
-                                 {"gv_rw_work", "work"}, {"gv_rw_qm", "qm"}, {"gv_ro_bin", "bin"},
+                                 {"gv_rw_work", "workdir"}, {"gv_rw_qm", "qm"}, {"gv_ro_bin", "bin"},
                                  {"gv_rw_bin", "bin"}})
     ini += std::string(key) + "=" + root + "/" + dir + "/\n";
   WriteText(root + "/ini/kd.ini", ini);

@@ -37,7 +37,7 @@ if [ -f "$pidfile" ]; then
 fi
 
 # The instance: bootstrap file, kd.ini with every directory, debug.ini.
-mkdir -p "$demo"/{ini,log,glbv,work/sem,qm/com,bin}
+mkdir -p "$demo"/{ini,log,glbv,workdir/sem,qm/com,bin}
 cat >"$demo/kelda.ini" <<EOF
 # bootstrap file of the demo instance
 KD_INI=$demo/ini/kd.ini
@@ -47,7 +47,7 @@ cat >"$demo/ini/kd.ini" <<EOF
 gv_rw_lgc=$demo/log/
 gv_rw_ini=$demo/ini/
 gv_rw_glbv=$demo/glbv/
-gv_rw_work=$demo/work/
+gv_rw_work=$demo/workdir/
 gv_rw_qm=$demo/qm/
 gv_ro_bin=$demo/bin/
 gv_rw_bin=$demo/bin/

@@ -37,7 +37,7 @@ TempDir::~TempDir() {
 }
 
 TestInstance::TestInstance() {
-  for (const char* d : {"log", "ini", "glbv", "work", "work/sem", "qm", "qm/com", "bin"})
+  for (const char* d : {"log", "ini", "glbv", "workdir", "workdir/sem", "qm", "qm/com", "bin"})
     std::filesystem::create_directories(dir_.file(d));
   WriteFile(bootstrap(), "# bootstrap file of a test instance\nKD_INI=" + kd_ini() + "\n");
   write_kd_ini();

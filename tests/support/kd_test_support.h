@@ -31,7 +31,7 @@ class TempDir {
 ///   ini/kd.ini          "[Pathes]" with gv_rw_lgc, gv_rw_ini, gv_rw_glbv,
 ///                       gv_rw_work, gv_rw_qm, gv_ro_bin, gv_rw_bin (each ending in "/")
 ///   ini/debug.ini       trace levels per module
-///   log/ ini/ glbv/ work/ work/sem/ qm/ qm/com/ bin/
+///   log/ ini/ glbv/ workdir/ workdir/sem/ qm/ qm/com/ bin/
 /// The environment variable KD_INI points at the bootstrap file while the
 /// instance lives (restored afterwards); the process-wide caches of the
 /// runtime (global-variable directory, trace state) are reset on creation
@@ -51,7 +51,7 @@ class TestInstance {
   std::string lgc() const { return root() + "/log/"; }
   std::string ini_dir() const { return root() + "/ini/"; }
   std::string glbv_dir() const { return root() + "/glbv/"; }
-  std::string work() const { return root() + "/work/"; }
+  std::string work() const { return root() + "/workdir/"; }
   std::string qm() const { return root() + "/qm/"; }
   std::string bin() const { return root() + "/bin/"; }
 
