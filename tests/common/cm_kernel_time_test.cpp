@@ -1,3 +1,5 @@
+// Time services: time_get commands relative to now and to a given base time
+// (daylight saving, overflow, bad input), and the timestamp conversions.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -14,19 +16,10 @@
 namespace {
 
 /// Sets TZ for the life of the object.
-class ScopedTz {
- public:
-  explicit ScopedTz(const char* tz) : old_(std::getenv("TZ") ? std::getenv("TZ") : "") {
-    setenv("TZ", tz, 1);
-    tzset();
-  }
-  ~ScopedTz() {
-    old_.empty() ? unsetenv("TZ") : setenv("TZ", old_.c_str(), 1);
-    tzset();
-  }
-
- private:
-  std::string old_;
+struct ScopedTz {
+  const std::string old = std::getenv("TZ") ? std::getenv("TZ") : "";
+  explicit ScopedTz(const char* tz) { setenv("TZ", tz, 1), tzset(); }
+  ~ScopedTz() { (old.empty() ? unsetenv("TZ") : setenv("TZ", old.c_str(), 1)), tzset(); }
 };
 
 std::string Readable(time_t t, const char* format = "%Y-%m-%d %H:%M:%S", bool utc = false) {
@@ -51,7 +44,7 @@ std::string ShiftedNow(int days, int hours = 0, int minutes = 0) {
 
 std::string TimeGet(const std::string& command) {
   char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%s", command.c_str());
+  CopyCut(buffer, command);
   return time_get(buffer);
 }
 
@@ -165,15 +158,14 @@ TEST(TimeConversions, InPlaceBetweenStampAndReadableForm) {
   EXPECT_STREQ(buffer, "20260513080910");
   EXPECT_EQ(cm_time_stamp2iso(buffer), 19);
   EXPECT_STREQ(buffer, "2026-05-13 08:09:10");
-  char day[32] = "20260513";
-  EXPECT_EQ(cm_time_stamp2iso(day), 19);
-  EXPECT_STREQ(day, "2026-05-13 00:00:00");
+  CopyCut(buffer, "20260513");
+  EXPECT_EQ(cm_time_stamp2iso(buffer), 19);
+  EXPECT_STREQ(buffer, "2026-05-13 00:00:00");
   for (const char* unchanged : {"NULL", "", "yesterday"}) {
-    char text[32];
-    CopyCut(text, unchanged);
-    EXPECT_EQ(cm_time_stamp2iso(text), 0);
-    EXPECT_EQ(cm_time_iso2stamp(text), 0);
-    EXPECT_STREQ(text, unchanged);
+    CopyCut(buffer, unchanged);
+    EXPECT_EQ(cm_time_stamp2iso(buffer), 0) << unchanged;
+    EXPECT_EQ(cm_time_iso2stamp(buffer), 0) << unchanged;
+    EXPECT_STREQ(buffer, unchanged);
   }
   EXPECT_EQ(cm_time_iso2stamp(nullptr), 0);
 }

@@ -1,3 +1,6 @@
+// Trace log: level filter and prefixes, indentation, the day log with its
+// announcement and day switch, debug.ini and kd.ini settings, missing or
+// unusable directories, invalid and shared handles.
 #include "cm_trace.h"
 
 #include <gtest/gtest.h>
@@ -23,8 +26,10 @@ namespace {
 V Bodies(const std::string& text) {
   V out;
   std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("==", 0) == 0) continue;  // a sanitizer's own remark on captured standard error
     out.push_back(kdtest::StartsWithShape(line, "9999-99-99 99:99:99") ? line.substr(19) : "<no timestamp>" + line);
+  }
   return out;
 }
 
@@ -55,13 +60,6 @@ class TraceTest : public ::testing::Test {
   std::string DayLog(const std::string& base = "kd_qm_main", const std::string& label = "20260513") const {
     return inst.lgc() + base + "_" + label + ".log";
   }
-  // Points strLocalLog at a file of its own without any configuration.
-  std::string DirectLocalLog(int level) {
-    const std::string path = inst.lgc() + "direct.log";
-    CopyCut(strLocalLog.szLogFile, path);
-    strLocalLog.iLogLevel = level;
-    return path;
-  }
   void OpenMain(const std::string& debug_ini = "KD_QM_MAIN=2\n") {
     inst.write_debug_ini(debug_ini);
     v_set_log_main("kd_qm_main.lgc", "KD_QM_MAIN", &log);
@@ -73,44 +71,44 @@ class TraceTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(TraceTest, LevelsFilterMessagesAndChooseThePrefix) {
-  std::string path = DirectLocalLog(4);
-  for (const char* format : {"%l5 five", "%l4 four", "%l3 three", "%l2 two", "%l1 one", "%l* star", "%l9 nine"})
-    trace(format);
-  EXPECT_EQ(Lines(path), (V{": Debug: four", ": Trace: three", ": Info: two", ": Warning: one", ": Trace: star"}));
-
-  // Formats without a valid level prefix need level 2 and stay unprefixed.
-  const std::size_t before = ReadFile(path).size();
-  strLocalLog.iLogLevel = 1;
-  trace("plain %d", 7);
-  EXPECT_EQ(ReadFile(path).size(), before);
-  strLocalLog.iLogLevel = 2;
-  trace("%l10 hello");
-  trace_ln("a %s text");
-  const V lines = Bodies(ReadFile(path).substr(before));
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_TRUE(lines[0].find("10 hello") != std::string::npos && lines[0].find(": Warning") == std::string::npos);
-  EXPECT_EQ(lines[1], ": a %s text");
-
-  // Level 0 errors and "+" notices go to standard error as well.
-  std::filesystem::remove(path);
-  v_set_log_all_close(&strLocalLog);
-  path = DirectLocalLog(0);
+TEST_F(TraceTest, LevelsPrefixesStandardErrorAndAnInvalidHandle) {
+  const std::string path = inst.lgc() + "direct.log";
+  CopyCut(strLocalLog.szLogFile, path);  // strLocalLog alone, without any configuration
   const std::string err = CaptureFd(2, [] {
+    strLocalLog.iLogLevel = 4;
+    for (const char* format : {"%l5 five", "%l4 four", "%l3 three", "%l2 two", "%l1 one", "%l* star", "%l9 nine"})
+      trace(format);
+    // Formats without a valid level prefix need level 2 and stay unprefixed.
+    strLocalLog.iLogLevel = 1;
+    trace("plain %d", 7);
+    strLocalLog.iLogLevel = 2;
+    trace("%l10 hello");
+    trace_ln("a %s text");
+    // Level 0 errors and "+" notices go to standard error as well.
+    strLocalLog.iLogLevel = 0;
     trace("%l0 disk full %d", 3);
     trace("%l+ notice");
     trace("%l1 not at level 0");
+    // A handle whose descriptor was closed is reported, marked in the log and reopened.
+    strLocalLog.iLogLevel = 1;
+    ::close(fileno(strLocalLog.fpLogFile));
+    trace("%l1 after");
+    trace("%l1 next");
   });
-  EXPECT_EQ(Bodies(err), (V{": Error: disk full 3", ": notice"}));
-  EXPECT_EQ(Lines(path), (V{": Error: disk full 3", ": notice"}));
+  EXPECT_EQ(Bodies(err), (V{": Error: disk full 3", ": notice", "<no timestamp>Invalid log file handle for [" + path + "]"}));
+  V lines = Lines(path);
+  ASSERT_EQ(lines.size(), 12u);
+  EXPECT_TRUE(lines[5].find("10 hello") != std::string::npos && lines[5].find(": Warning") == std::string::npos);
+  lines.erase(lines.begin() + 5);
+  EXPECT_EQ(lines, (V{": Debug: four", ": Trace: three", ": Info: two", ": Warning: one", ": Trace: star",
+                      ": a %s text", ": Error: disk full 3", ": notice", ": Warning: after",
+                      "<no timestamp> ### ATTENTION: Log file handle was temporarily not valid!", ": Warning: next"}));
 }
 
 TEST_F(TraceTest, IndentationIsCappedAtSixtyFourBlanksAndReturnsToEmpty) {
   CopyCut(log.szLogFile, inst.lgc() + "indent.log");
   for (int i = 0; i < 40; ++i) WRITE_TRACE(&log, "+ in %d", i);
-  EXPECT_EQ(std::string(log.szIns), std::string(64, ' '));
   for (int i = 0; i < 40; ++i) WRITE_TRACE(&log, "- out %d", i);
-  EXPECT_STREQ(log.szIns, "");
   const V lines = Lines(log.szLogFile);
   ASSERT_EQ(lines.size(), 80u);
   EXPECT_EQ(lines[39], ":" + std::string(64, ' ') + " + in 39");
@@ -120,27 +118,8 @@ TEST_F(TraceTest, IndentationIsCappedAtSixtyFourBlanksAndReturnsToEmpty) {
   EXPECT_EQ(lines[79], ": - out 39");
 }
 
-TEST_F(TraceTest, InvalidHandleIsReportedAndReopened) {
-  const std::string path = DirectLocalLog(1);
-  trace("%l1 before");
-  ASSERT_NE(strLocalLog.fpLogFile, nullptr);
-  const std::string err = CaptureFd(2, [] {
-    ::close(fileno(strLocalLog.fpLogFile));
-    trace("%l1 after");
-    trace("%l1 next");
-  });
-  EXPECT_EQ(err, "Invalid log file handle for [" + path + "]\n");
-  EXPECT_EQ(Lines(path), (V{": Warning: before", ": Warning: after",
-                            "<no timestamp> ### ATTENTION: Log file handle was temporarily not valid!",
-                            ": Warning: next"}));
-}
-
 TEST_F(TraceTest, SetLogMainOpensTheDayLogAnnouncesItAndSwitchesOnANewDay) {
   OpenMain("KD_QM_MAIN=2\nPROT_DB=1\n");
-  EXPECT_EQ(pstrFirstLog, &log);
-  EXPECT_EQ(std::string(log.szLogFile), DayLog());
-  EXPECT_STREQ(strLocalLog.szLogFile, log.szLogFile);
-  EXPECT_EQ(log.iLogLevel, 2);
   trace("%l2 day one");
   const std::string pid = std::to_string(getpid());
   V lines = Lines(DayLog());
@@ -157,23 +136,22 @@ TEST_F(TraceTest, SetLogMainOpensTheDayLogAnnouncesItAndSwitchesOnANewDay) {
   lines = Lines(DayLog("kd_qm_main", "20260514"));
   EXPECT_TRUE(Has(lines, ": Logging switched for module KD_QM_MAIN: Loglevel 2, PID=" + pid + ", parent process: "));
   EXPECT_EQ(lines.back(), ": Info: day two");
-  EXPECT_STREQ(strLocalLog.szLogFile, log.szLogFile);
 }
 
-TEST_F(TraceTest, LogNamesWithPidTokenDirectoriesAndTodayWithoutDayLabel) {
+TEST_F(TraceTest, LogNamesAndDebugIniLines) {
   str_log nested;
   v_set_log_main("sub/dir/x_<PID>.lgc", "KD_QM_MAIN", &nested);
   EXPECT_EQ(std::string(nested.szLogFile), inst.lgc() + "sub/dir/x_" + std::to_string(getpid()) + "_20260513.log");
+  // Without a day label: today.
   std::filesystem::remove(inst.glbv_dir() + "gv_daylbl.sgv");
-  char today[16];
   const time_t now = time(nullptr);
   struct tm tm {};
+  char today[16];
   strftime(today, sizeof today, "%Y%m%d", localtime_r(&now, &tm));
   v_set_log_main("kd_qm_main.lgc", "KD_QM_MAIN", &log);
   EXPECT_EQ(std::string(log.szLogFile), DayLog("kd_qm_main", today));
-}
 
-TEST_F(TraceTest, DebugIniLineRules) {
+  // A level line begins at the line start; the first exact name wins; names are upper-cased.
   inst.write_debug_ini(" KD_QM_MAIN=3\n");
   EXPECT_EQ(log_check("KD_QM_MAIN"), 0);
   inst.write_debug_ini("KD_QM_MAIN_X=5\nKD_QM_MAIN=3 # comment\nKD_QM_MAIN=4\n");
@@ -192,14 +170,11 @@ TEST_F(TraceTest, MissingDirectoriesAreReportedAndTheLanguageStillSet) {
                                "\n[SETUP]\nlang=de\n");
   err = CaptureFd(2, [&] { out = CaptureFd(1, [&] { v_set_log_main("kd_qm_main.lgc", "KD_QM_MAIN", &log); }); });
   char e003[200];
-  std::snprintf(e003, sizeof e003,
-                " E003-BASICS [%6d]: SET_LOG_MAIN > gv_rw_lgc not yet existing - please restart ORL kelda.\n",
-                static_cast<int>(getpid()));
-  EXPECT_NE(out.find(e003), std::string::npos) << out;
-  EXPECT_NE(err.find(e003), std::string::npos) << err;
+  std::snprintf(e003, sizeof e003, " E003-BASICS [%6d]: SET_LOG_MAIN > gv_rw_lgc not yet existing - please restart "
+                "ORL kelda.\n", static_cast<int>(getpid()));
+  EXPECT_TRUE(out.find(e003) != std::string::npos && err.find(e003) != std::string::npos) << out << err;
   EXPECT_NE(err.find("FATAL: SET_LOG_MAIN: gv_rw_lgc not set"), std::string::npos);
   EXPECT_STREQ(log.szLogFile, "");
-  EXPECT_EQ(pstrFirstLog, nullptr);
   EXPECT_EQ(eLang, LANG_DE);
 }
 
@@ -222,8 +197,7 @@ TEST_F(TraceTest, ParamsAndLanguageFromTheConfiguration) {
 TEST_F(TraceTest, UnwritableLogDirectoryStillReachesStandardError) {
   WriteFile(inst.root() + "/afile", "not a directory");
   std::string ini = ReadFile(inst.kd_ini());
-  ini.replace(ini.find("gv_rw_lgc=" + inst.lgc()), ("gv_rw_lgc=" + inst.lgc()).size(),
-              "gv_rw_lgc=" + inst.root() + "/afile/");
+  ini.replace(ini.find(inst.lgc()), inst.lgc().size(), inst.root() + "/afile/");
   WriteFile(inst.kd_ini(), ini);
   inst.write_debug_ini("KD_QM_MAIN=1\nSTDERR=1\n");
   const std::string err = CaptureFd(2, [&] {
@@ -231,8 +205,6 @@ TEST_F(TraceTest, UnwritableLogDirectoryStillReachesStandardError) {
     trace("%l1 still visible");
   });
   EXPECT_TRUE(Has(Bodies(err), ": Warning: still visible")) << err;
-  EXPECT_EQ(log.fpLogFile, nullptr);
-  EXPECT_EQ(strLocalLog.fpLogFile, nullptr);
 }
 
 TEST_F(TraceTest, AllCloseReleasesEveryHandleOfTheFirstLog) {
@@ -240,8 +212,6 @@ TEST_F(TraceTest, AllCloseReleasesEveryHandleOfTheFirstLog) {
   trace("%l1 opens the local handle");
   EXPECT_EQ(OpenDescriptorsOn(DayLog()), 2);
   v_set_log_all_close(&log);
-  EXPECT_EQ(log.fpLogFile, nullptr);
-  EXPECT_EQ(strLocalLog.fpLogFile, nullptr);
   EXPECT_EQ(OpenDescriptorsOn(DayLog()), 0);
   trace("%l1 reopened");
   EXPECT_EQ(Lines(DayLog()).back(), ": Warning: reopened");
@@ -251,8 +221,6 @@ TEST_F(TraceTest, AllCloseReleasesEveryHandleOfTheFirstLog) {
     WRITE_TRACE(&log, "own line");
     trace("%l1 local line");
   }
-  ASSERT_NE(log.fpLogFile, nullptr);
-  EXPECT_EQ(strLocalLog.fpLogFile, log.fpLogFile);
   EXPECT_EQ(OpenDescriptorsOn(DayLog()), 1);
 }
 

@@ -1,6 +1,7 @@
-// Start-up outcomes of kd_qm_main: usage, foreground and background start,
-// the process lock, missing configuration, the request pipe's recovery, and
-// the shutdown request.
+// Start-up outcomes of kd_qm_main: usage, missing configuration, a request
+// pipe that cannot be made, background and foreground start (the pipe made
+// with its directory or in place of a stale file), the process lock with a
+// second daemon refused, and the shutdown request.
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,14 +26,10 @@ const char* const kUsageText =
     "Attention:   Use front end kd_qm to init queues, submit jobs, etc.             \n"
     "-------------------------------------------------------------------------------\n";
 
-const std::string kProcessed = "0STATUS=SUCCESS MSG='process executing and pending jobs' done\n";
-
 /// The shutdown answer: the view of every queue removed (at least the admin queue), then the record.
 void ExpectShutdownAnswer(const RawAnswer& a) {
-  EXPECT_TRUE(a.complete);
-  EXPECT_EQ(a.text.rfind("0que_name= qu_admin\t", 0), 0u) << a.text;
-  const std::string done = "STATUS=SUCCESS MSG=shutdown completed\n";
-  EXPECT_TRUE(a.text.size() > done.size() && a.text.compare(a.text.size() - done.size(), done.size(), done) == 0)
+  EXPECT_TRUE(a.complete && a.text.rfind("0que_name= qu_admin\t", 0) == 0 &&
+              a.text.ends_with("\nSTATUS=SUCCESS MSG=shutdown completed\n"))
       << a.text;
 }
 
@@ -47,18 +44,61 @@ class DaemonStartTest : public DaemonTest {
   std::string LockFile() { return ReadFile(instance().work() + "sem/KD_QM_MAIN.sem"); }
 };
 
-TEST_F(DaemonStartTest, UsageIsPrintedForOneQuestionOrHelpArgument) {
+TEST_F(DaemonStartTest, UsageAndFailedStartsEndAtOnceWithTheirTextAndExitCode) {
   for (const char* arg : {"?x", "/?"}) {
     const ProcessResult r = RunDaemon({arg});
-    ASSERT_TRUE(r.finished) << arg;
     EXPECT_EQ(r.exit_code, 0) << arg;
     EXPECT_EQ(r.out.rfind("kd_qm_main Kelda GitID: ", 0), 0u) << arg;
     EXPECT_EQ(r.out.substr(r.out.find('\n') + 1), kUsageText) << arg;
-    EXPECT_FALSE(Exists(RequestPipe())) << "usage must not start the daemon: " << arg;
   }
+  const std::string base = "[Pathes]\ngv_rw_lgc=" + instance().lgc() + "\ngv_rw_ini=" + instance().ini_dir() +
+                           "\ngv_rw_glbv=" + instance().glbv_dir() + "\ngv_rw_work=" + instance().work() + "\n";
+  using Case = std::pair<std::string, std::string>;  // the line present, the name missing
+  for (const auto& [present, missing] :
+       {Case{"gv_ro_bin=" + instance().bin(), "gv_rw_qm"}, Case{"gv_rw_qm=" + instance().qm(), "gv_ro_bin"}}) {
+    WriteFile(instance().kd_ini(), base + present + "\n");
+    const ProcessResult r = RunDaemon({"-d"});
+    EXPECT_EQ(r.exit_code, 3);
+    EXPECT_NE(r.err.find("ERROR: " + missing + " not defined"), std::string::npos) << r.err;
+  }
+  EXPECT_FALSE(Exists(RequestPipe())) << "neither usage nor a failed start makes the pipe";
+
+  instance().write_kd_ini();
+  std::filesystem::remove_all(instance().qm() + "com");
+  WriteFile(instance().qm() + "com", "not a directory\n");
+  const ProcessResult r = RunDaemon({"-d"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("ERROR: mkfifo " + RequestPipe() + " failed: 20 Not a directory"), std::string::npos) << r.err;
 }
 
-TEST_F(DaemonStartTest, ForegroundStartShutdownRequestAndASecondDaemonRefused) {
+TEST_F(DaemonStartTest, BackgroundThenForegroundStartLockTheInstanceAndEndOnTheShutdownRequest) {
+  std::filesystem::remove_all(instance().qm());  // made again with the pipe
+  {
+    // Without arguments the daemon detaches; it names itself in its lock. End it whatever happens below.
+    const ProcessResult launcher = RunDaemon({});
+    EXPECT_EQ(launcher.exit_code, 0);
+    EXPECT_EQ(launcher.out, "");
+    pid_t pid = 0;
+    ASSERT_TRUE(WaitFor([&] { return (pid = static_cast<pid_t>(std::atol(LockFile().c_str()))) > 0; }, seconds(10)));
+    struct Killer {
+      pid_t pid;
+      ~Killer() {
+        if (ReadFile("/proc/" + std::to_string(pid) + "/cmdline").find("kd_qm_main") != std::string::npos)
+          kill(pid, SIGKILL);
+      }
+    } killer{pid};
+    EXPECT_NE(getsid(pid), getsid(0)) << "the daemon runs in a session of its own";
+    EXPECT_TRUE(WaitReady()) << "answers once it reads its pipe";
+    EXPECT_TRUE(WaitForTrace("KD_QM_MAIN: got lock after second fork"));
+    EXPECT_NE(TraceLog().find("Warning: Logging enabled for module KD_QM_MAIN: Loglevel 2, PID=" +
+                              std::to_string(pid) + ", parent process: "),
+              std::string::npos);
+    ExpectShutdownAnswer(Ask(25));
+    ASSERT_TRUE(WaitFor([&] { return !Exists(RequestPipe()) && LockFile().empty(); }, seconds(10)));
+  }
+
+  WriteFile(RequestPipe(), "left over\n");  // a stale file is replaced by the pipe
+  const std::size_t before = TraceLog().size();
   ASSERT_TRUE(StartDaemon({"-dfoo"}));  // only the first two characters count
   ASSERT_TRUE(WaitReady()) << DaemonErr();
   EXPECT_TRUE(WaitForTrace("Info: Debug switch set. Stay in foreground"));
@@ -66,88 +106,22 @@ TEST_F(DaemonStartTest, ForegroundStartShutdownRequestAndASecondDaemonRefused) {
   struct stat st {};
   ASSERT_EQ(stat(RequestPipe().c_str(), &st), 0);
   EXPECT_TRUE(S_ISFIFO(st.st_mode));
-  EXPECT_EQ(st.st_mode & 0777, 0770u);
-  EXPECT_EQ(LockFile(), std::to_string(daemon_pid()) + " KD_QM_MAIN");
+  EXPECT_EQ(st.st_mode & 07777, 0770u);
+  const std::string holder = std::to_string(daemon_pid()) + " KD_QM_MAIN";
+  EXPECT_EQ(LockFile(), holder);
 
   const ProcessResult second = RunDaemon({"-d"});
-  ASSERT_TRUE(second.finished);
   EXPECT_EQ(second.exit_code, 2);
-  EXPECT_EQ(second.out, "STATUS=ERROR MSG=another process " + std::to_string(daemon_pid()) +
-                            " KD_QM_MAIN is holding semaphore KD_QM_MAIN\n");
-  EXPECT_EQ(LockFile(), std::to_string(daemon_pid()) + " KD_QM_MAIN") << "the first one is untouched";
-  EXPECT_EQ(Ask(26).text, kProcessed);
+  EXPECT_EQ(second.out, "STATUS=ERROR MSG=another process " + holder + " is holding semaphore KD_QM_MAIN\n");
+  EXPECT_EQ(LockFile(), holder) << "the first one is untouched";
+  EXPECT_EQ(Ask(26).text, "0STATUS=SUCCESS MSG='process executing and pending jobs' done\n");
 
   ExpectShutdownAnswer(Ask(25, "-e 5"));
   ASSERT_TRUE(daemon().WaitExit(seconds(10)));
   EXPECT_EQ(daemon().exit_code(), 0);
   EXPECT_FALSE(Exists(RequestPipe()));
   EXPECT_EQ(LockFile(), "");
-  EXPECT_NE(TraceLog().find("--- FOR  exit(0)"), std::string::npos);
-}
-
-TEST_F(DaemonStartTest, MissingDirectoriesInTheConfigurationEndWithExitCodeThree) {
-  const std::string base = "[Pathes]\ngv_rw_lgc=" + instance().lgc() + "\ngv_rw_ini=" + instance().ini_dir() +
-                           "\ngv_rw_glbv=" + instance().glbv_dir() + "\ngv_rw_work=" + instance().work() + "\n";
-  for (const auto& [present, missing] : {std::pair<std::string, std::string>{"gv_ro_bin=" + instance().bin(), "gv_rw_qm"},
-                                         {"gv_rw_qm=" + instance().qm(), "gv_ro_bin"}}) {
-    WriteFile(instance().kd_ini(), base + present + "\n");
-    const ProcessResult r = RunDaemon({"-d"});
-    ASSERT_TRUE(r.finished);
-    EXPECT_EQ(r.exit_code, 3);
-    EXPECT_NE(r.err.find("ERROR: " + missing + " not defined"), std::string::npos) << r.err;
-  }
-  EXPECT_FALSE(Exists(RequestPipe()));
-}
-
-TEST_F(DaemonStartTest, RequestPipeIsCreatedWithItsDirectoryReplacesAStaleFileOrEndsWithExitCodeOne) {
-  std::filesystem::remove_all(instance().qm());
-  ASSERT_TRUE(StartDaemon());
-  ASSERT_TRUE(WaitReady()) << DaemonErr();
-  ASSERT_EQ(StopDaemon(), 0);
-
-  WriteFile(RequestPipe(), "left over\n");
-  ASSERT_TRUE(StartDaemon());
-  ASSERT_TRUE(WaitReady()) << DaemonErr();
-  ASSERT_EQ(StopDaemon(), 0);
-
-  std::filesystem::remove_all(instance().qm() + "com");
-  WriteFile(instance().qm() + "com", "not a directory\n");
-  const ProcessResult r = RunDaemon({"-d"});
-  ASSERT_TRUE(r.finished);
-  EXPECT_EQ(r.exit_code, 1);
-  EXPECT_NE(r.err.find("ERROR: mkfifo " + RequestPipe() + " failed: 20 Not a directory"), std::string::npos) << r.err;
-}
-
-TEST_F(DaemonStartTest, WithoutArgumentsTheDaemonDetachesAndRunsInTheBackground) {
-  const ProcessResult launcher = RunDaemon({});
-  ASSERT_TRUE(launcher.finished);
-  EXPECT_EQ(launcher.exit_code, 0);
-  EXPECT_EQ(launcher.out, "");
-
-  // The background daemon names itself in its lock; end it whatever happens below.
-  pid_t pid = 0;
-  ASSERT_TRUE(WaitFor(
-      [&] {
-        pid = static_cast<pid_t>(std::atol(LockFile().c_str()));
-        return pid > 0 && Exists(RequestPipe());
-      },
-      seconds(10)));
-  struct Killer {
-    pid_t pid;
-    ~Killer() {
-      if (ReadFile("/proc/" + std::to_string(pid) + "/cmdline").find("kd_qm_main") != std::string::npos)
-        kill(pid, SIGKILL);
-    }
-  } killer{pid};
-  EXPECT_NE(getsid(pid), getsid(0)) << "the daemon runs in a session of its own";
-  EXPECT_TRUE(WaitReady()) << "answers once it reads its pipe";
-  EXPECT_TRUE(WaitForTrace("KD_QM_MAIN: got lock after second fork"));
-  EXPECT_NE(TraceLog().find("Warning: Logging enabled for module KD_QM_MAIN: Loglevel 2, PID=" + std::to_string(pid) +
-                            ", parent process: "),
-            std::string::npos);
-
-  ExpectShutdownAnswer(Ask(25));
-  EXPECT_TRUE(WaitFor([&] { return !Exists(RequestPipe()) && LockFile().empty(); }, seconds(10)));
+  EXPECT_NE(TraceLog().find("--- FOR  exit(0)", before), std::string::npos);
 }
 
 }  // namespace

@@ -44,13 +44,11 @@ class EntryRequestsTest : public DaemonTest {
   bool Gone(const std::string& job) {
     const long pid = Pid(job);
     // Each request ends a serving phase, so the daemon's passes go on while we wait.
-    return WaitFor(
-        [&] {
-          const bool gone = pid > 0 && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
-          if (!gone) Ask(process_signal);
-          return gone;
-        },
-        15s);
+    return WaitFor([&] {
+      if (pid > 0 && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) return true;
+      Ask(process_signal);
+      return false;
+    }, 15s);
   }
   bool FileIs(const std::string& path, const std::string& text) {
     return WaitFor([&] { return ReadFile(path) == text; }, 10s);
@@ -62,55 +60,16 @@ class EntryRequestsTest : public DaemonTest {
   }
 };
 
-TEST_F(EntryRequestsTest, DeletingWaitingJobsRunsThemOnceWithTheirExitCode) {
-  ASSERT_EQ(Ask(queue_init, "q1 1").text, Ok("Queue initialised"));
+// Jobs moved with their job limits; waiting jobs deleted or signalled run
+// once with the code; a running job's group gets the signal, or is stopped
+// hard after the timeout given.
+TEST_F(EntryRequestsTest, MoveDeleteAndSignalWaitingAndRunningJobs) {
+  for (const std::string q : {"q1/r 1", "q2/x 1", "q3 0"}) ASSERT_EQ(Ask(queue_init, q).text, Ok("Queue initialised"));
   ASSERT_EQ(Submit("q1", "a"), Ok("1"));
   ASSERT_EQ(Submit("q1", "b"), Ok("2"));
   ASSERT_EQ(Submit("q1", "c", "-T 2099-01-01_00:00"), Ok("3"));
-  ASSERT_GT(Pid("a"), 0);
-
-  EXPECT_EQ(Ask(queue_del_entry, "1 -o not_executing").text,
-            "2STATUS=ERROR MSG=Job not found on holding or pending queue\n");
-  EXPECT_EQ(Ask(queue_del_entry, "1 -K none").text,
-            "1STATUS=ERROR MSG=Operation failed. -K requires -e to be specified.\n");
-  EXPECT_EQ(Ask(queue_del_entry, "99").text, "1STATUS=WARNING MSG=No such entry 99\n");
-  // The holding job with its default code -2, the pending one with -e 7.
-  EXPECT_EQ(Ask(queue_del_entry, "3").text, Ok("Job start time expired: -2"));
-  EXPECT_TRUE(FileIs(Dir("c") + "/code", "-2\n"));
-  EXPECT_EQ(Ask(queue_del_entry, "2 -e 7").text, Ok("Job start time expired: 7"));
-  EXPECT_TRUE(FileIs(Dir("b") + "/code", "7\n"));
-  EXPECT_EQ(Counts("q1"), "pending=0\tholding=0\tjob_limit: 0/1");
-  EXPECT_FALSE(Exists(Dir("a") + "/sig"));
-}
-
-TEST_F(EntryRequestsTest, DeletingRunningJobsStopsTheirGroups) {
-  ASSERT_EQ(Ask(queue_init, "q1 2").text, Ok("Queue initialised"));
-  ASSERT_EQ(Submit("q1", "a", "-S 1/0"), Ok("1"));
-  std::filesystem::create_directories(Dir("b"));
-  WriteFile(Dir("b") + "/stay", "");  // b ignores SIGINT: only SIGKILL ends it
-  ASSERT_EQ(Submit("q1", "b", "-S 1/0"), Ok("2"));
   const long a = Pid("a");
   ASSERT_GT(a, 0);
-  ASSERT_GT(Pid("b"), 0);
-
-  // Answered with the job's pid once it has ended.
-  EXPECT_EQ(Ask(queue_del_entry, "1", 15s).text, Ok(std::to_string(a)));
-  EXPECT_EQ(ReadFile(Dir("a") + "/sig"), "INT\n");
-  EXPECT_EQ(Ask(queue_del_entry, "2 -3").text, Ok("Job will be terminated and deleted in a timeout 3 seconds"));
-  EXPECT_TRUE(Gone("b"));
-  // The graceful stop, and the hard stop's SIGINT in front of its SIGKILL.
-  EXPECT_EQ(ReadFile(Dir("b") + "/sig").substr(0, 4), "INT\n");
-  EXPECT_TRUE(WaitFor([&] { return Counts("q1") == "pending=0\tholding=0\tjob_limit: 2/2"; }, 10s));
-}
-
-TEST_F(EntryRequestsTest, MoveKeepsJobLimitsAndRefusesFullOrUnknownTargets) {
-  ASSERT_EQ(Ask(queue_init, "q1/r 1").text, Ok("Queue initialised"));
-  ASSERT_EQ(Ask(queue_init, "q2/x 1").text, Ok("Queue initialised"));
-  ASSERT_EQ(Ask(queue_init, "q3 0").text, Ok("Queue initialised"));
-  ASSERT_EQ(Submit("q1", "a"), Ok("1"));
-  ASSERT_EQ(Submit("q1", "b"), Ok("2"));
-  ASSERT_EQ(Submit("q1", "c", "-T 2099-01-01_00:00"), Ok("3"));
-  ASSERT_GT(Pid("a"), 0);
 
   EXPECT_EQ(Ask(queue_move_entry, "99 q2").text, "1STATUS=WARNING MSG=No such entry 99\n");
   EXPECT_EQ(Ask(queue_move_entry, "1").text, "1Wrong arguments\n");
@@ -123,26 +82,40 @@ TEST_F(EntryRequestsTest, MoveKeepsJobLimitsAndRefusesFullOrUnknownTargets) {
   EXPECT_EQ(Counts("q1"), "pending=0\tholding=0\tjob_limit: 1/1");
   EXPECT_EQ(Counts("q2"), "pending=0\tholding=1\tjob_limit: 0/1");
   EXPECT_EQ(Counts("q3"), "pending=1\tholding=0\tjob_limit: 0/0");
-  // The moved job ends in its new queue and frees a place there.
-  WriteFile(Dir("a") + "/go", "");
-  EXPECT_TRUE(WaitFor([&] { return Counts("q2") == "pending=0\tholding=1\tjob_limit: 1/1"; }, 10s));
-}
 
-TEST_F(EntryRequestsTest, SignalInterruptsRunningGroupsAndEndsWaitingJobs) {
-  ASSERT_EQ(Ask(queue_init, "q1 1").text, Ok("Queue initialised"));
-  ASSERT_EQ(Submit("q1", "a"), Ok("1"));
-  ASSERT_EQ(Submit("q1", "c", "-T 2099-01-01_00:00"), Ok("2"));
-  const long a = Pid("a");
-  ASSERT_GT(a, 0);
+  std::filesystem::create_directories(Dir("e"));
+  WriteFile(Dir("e") + "/stay", "");  // e ignores SIGINT: only SIGKILL ends it
+  ASSERT_EQ(Submit("q1", "e", "-S 1/0"), Ok("4"));
+  ASSERT_EQ(Submit("q2", "d", "-T 2099-01-01_00:00"), Ok("5"));
+  ASSERT_GT(Pid("e"), 0);
+  EXPECT_EQ(Ask(queue_del_entry, "1 -o not_executing").text,
+            "2STATUS=ERROR MSG=Job not found on holding or pending queue\n");
+  EXPECT_EQ(Ask(queue_del_entry, "1 -K none").text,
+            "1STATUS=ERROR MSG=Operation failed. -K requires -e to be specified.\n");
+  EXPECT_EQ(Ask(queue_del_entry, "99").text, "1STATUS=WARNING MSG=No such entry 99\n");
+  // The holding job with its default code -2, the pending one with -e 7.
+  EXPECT_EQ(Ask(queue_del_entry, "3").text, Ok("Job start time expired: -2"));
+  EXPECT_TRUE(FileIs(Dir("c") + "/code", "-2\n"));
+  EXPECT_EQ(Ask(queue_del_entry, "2 -e 7").text, Ok("Job start time expired: 7"));
+  EXPECT_TRUE(FileIs(Dir("b") + "/code", "7\n"));
+  EXPECT_EQ(Counts("q3"), "pending=0\tholding=0\tjob_limit: 0/0");
+  EXPECT_FALSE(Exists(Dir("a") + "/sig"));
 
   EXPECT_EQ(Ask(queue_signal_entry, "1 -6").text, "1Invalid signal number given.\n");
   EXPECT_EQ(Ask(queue_signal_entry, "99 -3").text, "1STATUS=WARNING MSG=No such entry 99\n");
+  EXPECT_EQ(Ask(queue_signal_entry, "5 -4").text, "1STATUS=OK MSG=Entry 5 will receive signal -4\n");
+  EXPECT_TRUE(FileIs(Dir("d") + "/code", "-4\n"));
   EXPECT_EQ(Ask(queue_signal_entry, "1 -3").text,
             "1STATUS=OK MSG=Sent signal SIGINT to entry no 1[PID " + std::to_string(a) + "] process group\n");
   EXPECT_TRUE(FileIs(Dir("a") + "/sig", "INT\n"));
   EXPECT_TRUE(Gone("a"));
-  EXPECT_EQ(Ask(queue_signal_entry, "2 -4").text, "1STATUS=OK MSG=Entry 2 will receive signal -4\n");
-  EXPECT_TRUE(FileIs(Dir("c") + "/code", "-4\n"));
+  // The moved job has ended in its new queue and freed a place there.
+  EXPECT_TRUE(WaitFor([&] { return Counts("q2") == "pending=0\tholding=0\tjob_limit: 1/1"; }, 10s));
+
+  EXPECT_EQ(Ask(queue_del_entry, "4 -3").text, Ok("Job will be terminated and deleted in a timeout 3 seconds"));
+  EXPECT_TRUE(Gone("e"));
+  // The graceful stop, and the hard stop's SIGINT in front of its SIGKILL.
+  EXPECT_EQ(ReadFile(Dir("e") + "/sig").substr(0, 4), "INT\n");
   EXPECT_TRUE(WaitFor([&] { return Counts("q1") == "pending=0\tholding=0\tjob_limit: 1/1"; }, 10s));
 }
 

@@ -1,17 +1,16 @@
 // Faults around the running daemon's jobs and clients: jobs that ignore
-// SIGINT, kill programs that hang or fail, an executable that vanishes before
-// its start, clients that vanish in the middle of a long answer, SIGTERM with
-// jobs running, a log directory that cannot be written, and files planted
-// under an answer pipe's name. Every job script writes job.pid, so the
-// fixture kills every job group at teardown.
+// SIGINT, kill programs that hang or fail, files planted under an answer
+// pipe's name, clients that vanish or stall in the middle of a long answer,
+// SIGTERM and the shutdown request with jobs running, a log directory that
+// cannot be written, and job words that a shell would expand. Every job
+// script writes job.pid, so the fixture kills every job group at teardown.
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -24,6 +23,7 @@ namespace {
 using namespace std::chrono_literals;
 
 std::string Ok(const std::string& msg) { return "0STATUS=SUCCESS MSG=" + msg + "\n"; }
+bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 /// No process is left in the group (an unreaped orphan counts as gone).
 bool GroupGone(long pgid) {
@@ -40,20 +40,17 @@ class ReliabilityTest : public DaemonTest {
     // The minimal run time is counted in standard time: keep summer time out.
     setenv("TZ", "UTC", 1);
     DaemonTest::SetUp();
-    const std::string kills = instance().root() + "/kills/";
-    std::filesystem::create_directories(kills);
     // $1 is the job's directory. It ignores SIGINT, and so does its grandchild.
     WriteFile(instance().bin() + "stubborn.sh",
               "#!/bin/sh\ntrap '' INT\nmkdir -p \"$1\"\nprintf '%s\\n' \"$@\" > \"$1/args\"\necho $$ > \"$1/job.pid\"\n"
               "/bin/sleep 600 &\nwhile [ ! -e \"$1/go\" ]; do /bin/sleep 0.05; done\n",
               0755);
-    // Kill programs: $6 is the job's name behind "-j".
-    WriteFile(instance().bin() + "hang.sh",
-              "#!/bin/sh\ntrap '' INT\nd=" + kills + "$6\nmkdir -p \"$d\"\necho \"$@\" > \"$d/args\"\n"
-              "echo $$ > \"$d/job.pid\"\nwhile :; do /bin/sleep 0.05; done\n",
+    // Kill programs: $6 is the job's name behind "-j". One hangs ignoring SIGINT, one fails at once.
+    const std::string head =
+        "#!/bin/sh\ntrap '' INT\nd=" + KillDir("") + "$6\nmkdir -p \"$d\"\necho \"$@\" > \"$d/args\"\n";
+    WriteFile(instance().bin() + "hang.sh", head + "echo $$ > \"$d/job.pid\"\nwhile :; do /bin/sleep 0.05; done\n",
               0755);
-    WriteFile(instance().bin() + "fail.sh",
-              "#!/bin/sh\nd=" + kills + "$6\nmkdir -p \"$d\"\necho \"$@\" > \"$d/args\"\nexit 3\n", 0755);
+    WriteFile(instance().bin() + "fail.sh", head + "exit 3\n", 0755);
   }
   void TearDown() override {
     DaemonTest::TearDown();
@@ -61,11 +58,14 @@ class ReliabilityTest : public DaemonTest {
   }
   std::string Dir(const std::string& job) { return instance().root() + "/jobs/" + job; }
   std::string KillDir(const std::string& job) { return instance().root() + "/kills/" + job; }
-  std::string Submit(const std::string& queue, const std::string& job, const std::string& options = "",
-                     const std::string& program = "stubborn.sh") {
-    return Ask(queue_submit,
-               queue + " " + options + (options.empty() ? "" : " ") + "-j " + job + " " + program + " " + Dir(job))
-        .text;
+  std::string Submit(const std::string& queue, const std::string& job, const std::string& options = "") {
+    return Ask(queue_submit, queue + " " + options + (options.empty() ? "" : " ") + "-j " + job + " stubborn.sh " +
+                                 Dir(job)).text;
+  }
+  /// The job's "go" file exists before its start: it ends at once.
+  void Go(const std::string& job) {
+    std::filesystem::create_directories(Dir(job));
+    WriteFile(Dir(job) + "/go", "");
   }
   /// The pid a script wrote into dir/job.pid, once it is there whole.
   long Pid(const std::string& dir) {
@@ -94,24 +94,23 @@ class ReliabilityTest : public DaemonTest {
         },
         deadline);
   }
-  std::string ExitLog() {
-    std::string text;
-    std::error_code ec;
-    for (const auto& entry : std::filesystem::directory_iterator(instance().lgc(), ec))
-      if (entry.path().filename().string().rfind("kd_qm_exit_", 0) == 0) text += ReadFile(entry.path().string());
-    return text;
-  }
-  static bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
   /// Some line of the exit log holds both parts.
   bool Logged(const std::string& part, const std::string& other) {
-    const std::string log = ExitLog();
-    for (std::size_t at = 0; at < log.size();) {
-      const std::size_t end = std::min(log.find('\n', at), log.size());
-      const std::string line = log.substr(at, end - at);
-      if (Has(line, part) && Has(line, other)) return true;
-      at = end + 1;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(instance().lgc(), ec)) {
+      if (entry.path().filename().string().rfind("kd_qm_exit_", 0) != 0) continue;
+      std::istringstream lines(ReadFile(entry.path().string()));
+      for (std::string line; std::getline(lines, line);)
+        if (Has(line, part) && Has(line, other)) return true;
     }
     return false;
+  }
+  /// The daemon has ended with the code, its request pipe removed and its lock released.
+  void ExpectEnded(int code) {
+    ASSERT_TRUE(daemon().WaitExit(10s));
+    EXPECT_EQ(daemon().exit_code(), code);
+    EXPECT_FALSE(Exists(RequestPipe()));
+    EXPECT_EQ(ReadFile(instance().work() + "sem/KD_QM_MAIN.sem"), "");
   }
 };
 
@@ -161,34 +160,33 @@ TEST_F(ReliabilityTest, StubbornJobsAndHangingOrFailingKillProgramsEndBySigkill)
   EXPECT_TRUE(WaitNoZombies());
 }
 
-// The program is gone when its turn comes: the start fails with 127 like any
-// exit, the place is free again and the next job runs.
-TEST_F(ReliabilityTest, ExecutableThatVanishesBeforeItsStartEndsWith127) {
-  ASSERT_EQ(Ask(queue_init, "q1 1").text, Ok("Queue initialised"));
-  ASSERT_EQ(Ask(queue_block, "q1").text, Ok("Queue is blocked"));
-  std::filesystem::copy_file(instance().bin() + "stubborn.sh", instance().bin() + "gone.sh");
-  ASSERT_EQ(Submit("q1", "gone", "", "gone.sh"), Ok("1"));
-  ASSERT_EQ(unlink((instance().bin() + "gone.sh").c_str()), 0);
-  ASSERT_EQ(Ask(queue_start, "q1").text, Ok("Queue started"));
-  EXPECT_TRUE(Driven([&] { return Logged("name:gone;", ";Job exited with status [exit code: 127];"); }));
-  std::filesystem::create_directories(Dir("next"));
-  WriteFile(Dir("next") + "/go", "");
-  ASSERT_EQ(Submit("q1", "next"), Ok("2"));
-  EXPECT_GT(Pid(Dir("next")), 1);
-  EXPECT_TRUE(Driven([&] { return Counts("q1") == "pending=0\tholding=0\tjob_limit: 1/1"; }));
-  EXPECT_FALSE(Exists(Dir("gone")));
-}
+// Answer pipes are opened without following a symbolic link, and only a FIFO
+// is written to: a link (to a file, or even to another client's FIFO) and a
+// regular file planted under a requester's pipe name are refused and left
+// untouched. Of two clients of a listing far larger than a pipe holds, one
+// reads a little and goes away, the other never reads: neither holds the
+// daemon, and every answer writer ends on its own.
+TEST_F(ReliabilityTest, PlantedVanishingAndStallingAnswerPipesHoldNothing) {
+  const std::string victim = instance().root() + "/victim";
+  WriteFile(victim, "precious\n");
+  auto other = NewClient();  // a real FIFO with a reader
+  ASSERT_TRUE(other->CreatePipe() && other->OpenForAnswer());
+  auto to_file = NewClient(), to_fifo = NewClient(), plain = NewClient();
+  ASSERT_EQ(symlink(victim.c_str(), to_file->answer_pipe().c_str()), 0);
+  ASSERT_EQ(symlink(other->answer_pipe().c_str(), to_fifo->answer_pipe().c_str()), 0);
+  WriteFile(plain->answer_pipe(), "planted\n", 0660);
+  for (RawClient* c : {to_file.get(), to_fifo.get(), plain.get()})
+    ASSERT_TRUE(c->Send("26 " + std::to_string(c->id()) + "\n"));
+  for (RawClient* c : {to_file.get(), to_fifo.get()})
+    EXPECT_TRUE(WaitForTrace("ERROR: from_qm pipe [" + c->answer_pipe() + "] is a symbolic link - refused"));
+  EXPECT_TRUE(WaitForTrace("ERROR: from_qm pipe [" + plain->answer_pipe() + "] is no FIFO - refused"));
 
-// A listing far larger than a pipe holds: one client reads a little and goes
-// away, another never reads. Neither holds the daemon or leaves a process.
-TEST_F(ReliabilityTest, ClientsThatVanishOrStallMidListingHoldNothing) {
   ASSERT_EQ(Ask(queue_init, "q1 1").text, Ok("Queue initialised"));
   const std::string name(900, 'n');
   for (int i = 0; i < 90; ++i)
     ASSERT_EQ(Ask(queue_submit, "q1 -T 2099-01-01_00:00 -j " + name + std::to_string(i) + " stubborn.sh x").text,
               Ok(std::to_string(i + 1)));
-  auto vanishing = NewClient();
-  auto stalling = NewClient();
+  auto vanishing = NewClient(), stalling = NewClient();
   for (RawClient* c : {vanishing.get(), stalling.get()}) {
     ASSERT_TRUE(c->CreatePipe() && c->OpenForAnswer());
     ASSERT_TRUE(c->Send(std::to_string(queue_sho_full) + " " + std::to_string(c->id()) + " q1\n"));
@@ -196,13 +194,14 @@ TEST_F(ReliabilityTest, ClientsThatVanishOrStallMidListingHoldNothing) {
   ASSERT_TRUE(WaitFor([&] { return vanishing->AnythingArrived(); }, 10s));
   vanishing->CloseAnswer();
   unlink(vanishing->answer_pipe().c_str());
-
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(Counts("q1"), "pending=0\tholding=90\tjob_limit: 1/1");
   EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
-  // Both listing writers end on their own, and are reaped.
+
   EXPECT_TRUE(WaitFor([&] { return ChildrenOf(daemon_pid(), false).empty(); }, 20s));
-  EXPECT_TRUE(daemon().Running());
+  EXPECT_EQ(ReadFile(victim), "precious\n");
+  EXPECT_EQ(ReadFile(plain->answer_pipe()), "planted\n");
+  EXPECT_FALSE(other->AnythingArrived());
   EXPECT_EQ(Ask(process_signal).text.substr(0, 1), "0");
 }
 
@@ -218,10 +217,7 @@ TEST_F(ReliabilityTest, ShutdownWithRunningJobsBySigtermAndByRequest) {
   const long a = Pid(Dir("a"));
   ASSERT_GT(a, 1);
   daemon().Signal(SIGTERM);
-  ASSERT_TRUE(daemon().WaitExit(10s));
-  EXPECT_EQ(daemon().exit_code(), 1);
-  EXPECT_FALSE(Exists(RequestPipe()));
-  EXPECT_EQ(ReadFile(instance().work() + "sem/KD_QM_MAIN.sem"), "");
+  ExpectEnded(1);
   EXPECT_EQ(kill(static_cast<pid_t>(-a), 0), 0);
   kill(static_cast<pid_t>(-a), SIGKILL);
 
@@ -231,98 +227,45 @@ TEST_F(ReliabilityTest, ShutdownWithRunningJobsBySigtermAndByRequest) {
   ASSERT_EQ(Submit("q1", "b"), Ok("1"));
   ASSERT_EQ(Submit("q1", "c"), Ok("2"));
   ASSERT_EQ(Submit("q1", "later2", "-e 5 -T 2099-01-01_00:00"), Ok("3"));
-  const long b = Pid(Dir("b"));
-  const long c = Pid(Dir("c"));
+  const long b = Pid(Dir("b")), c = Pid(Dir("c"));
   ASSERT_TRUE(b > 1 && c > 1);
   const RawAnswer answer = Ask(shut_down);
   EXPECT_TRUE(answer.complete);
   EXPECT_TRUE(Has(answer.text, "STATUS=SUCCESS MSG=shutdown completed\n")) << answer.text;
-  ASSERT_TRUE(daemon().WaitExit(10s));
-  EXPECT_EQ(daemon().exit_code(), 0);
+  ExpectEnded(0);
   EXPECT_TRUE(WaitFor([&] { return GroupGone(b) && GroupGone(c); }, 10s));
-  EXPECT_FALSE(Exists(RequestPipe()));
-  EXPECT_EQ(ReadFile(instance().work() + "sem/KD_QM_MAIN.sem"), "");
   EXPECT_FALSE(Exists(Dir("later")) || Exists(Dir("later2")));
 }
 
 // The log directory becomes unwritable (a file stands in its place, which
 // stops root as well): jobs still run and requests are still answered; once
-// it is back, tracing resumes.
-TEST_F(ReliabilityTest, UnwritableLogDirectoryLeavesTheDaemonServing) {
+// it is back, tracing resumes. Jobs are started by execv: words that a shell
+// would expand reach the program as they were given.
+TEST_F(ReliabilityTest, JobsRunWithoutALogDirectoryAndGetTheirWordsUnexpanded) {
   ASSERT_EQ(Ask(queue_init, "q1 1").text, Ok("Queue initialised"));
   const std::string lgc = instance().root() + "/log";
   const std::string away = instance().root() + "/log.away";
   ASSERT_EQ(rename(lgc.c_str(), away.c_str()), 0);
   WriteFile(lgc, "");
-  std::filesystem::create_directories(Dir("a"));
-  WriteFile(Dir("a") + "/go", "");
-  EXPECT_EQ(Submit("q1", "a"), Ok("1"));
-  const long a = Pid(Dir("a"));
-  EXPECT_TRUE(Driven([&] { return GroupGone(a) && Counts("q1") == "pending=0\tholding=0\tjob_limit: 1/1"; }));
-  EXPECT_EQ(ReadFile(lgc), "");
-
-  ASSERT_EQ(unlink(lgc.c_str()), 0);
-  ASSERT_EQ(rename(away.c_str(), lgc.c_str()), 0);
-  std::filesystem::create_directories(Dir("b"));
-  WriteFile(Dir("b") + "/go", "");
-  EXPECT_EQ(Submit("q1", "b"), Ok("2"));
-  EXPECT_TRUE(WaitForTrace("Allocated entry number [2] for job [b]"));
-  EXPECT_TRUE(Driven([&] { return Has(ExitLog(), "CTX:2;PID:"); }));
-  EXPECT_FALSE(Has(ExitLog(), "CTX:1;PID:"));  // lost while the directory was away
-}
-
-// Answer pipes are opened without following a symbolic link, and only a FIFO
-// is written to: a link (to a file, or even to another client's FIFO) and a
-// regular file planted under a requester's pipe name are refused and left
-// untouched. The request pipe admits the owner and group only.
-TEST_F(ReliabilityTest, PlantedLinkOrFileUnderAnAnswerPipeNameIsNeverWritten) {
-  struct stat st {};
-  ASSERT_EQ(stat(RequestPipe().c_str(), &st), 0);
-  EXPECT_TRUE(S_ISFIFO(st.st_mode));
-  EXPECT_EQ(st.st_mode & 07777, 0770u);
-
-  const std::string victim = instance().root() + "/victim";
-  WriteFile(victim, "precious\n");
-  auto other = NewClient();  // a real FIFO with a reader
-  ASSERT_TRUE(other->CreatePipe() && other->OpenForAnswer());
-  auto to_file = NewClient();
-  auto to_fifo = NewClient();
-  auto plain = NewClient();
-  ASSERT_EQ(symlink(victim.c_str(), to_file->answer_pipe().c_str()), 0);
-  ASSERT_EQ(symlink(other->answer_pipe().c_str(), to_fifo->answer_pipe().c_str()), 0);
-  WriteFile(plain->answer_pipe(), "planted\n", 0660);
-  for (RawClient* c : {to_file.get(), to_fifo.get(), plain.get()})
-    ASSERT_TRUE(c->Send("26 " + std::to_string(c->id()) + "\n"));
-
-  for (RawClient* c : {to_file.get(), to_fifo.get()})
-    EXPECT_TRUE(WaitForTrace("ERROR: from_qm pipe [" + c->answer_pipe() + "] is a symbolic link - refused"));
-  EXPECT_TRUE(WaitForTrace("ERROR: from_qm pipe [" + plain->answer_pipe() + "] is no FIFO - refused"));
-  EXPECT_TRUE(WaitFor([&] { return ChildrenOf(daemon_pid(), false).empty(); }, 10s));
-  EXPECT_EQ(ReadFile(victim), "precious\n");
-  EXPECT_EQ(ReadFile(plain->answer_pipe()), "planted\n");
-  EXPECT_FALSE(other->AnythingArrived());
-  EXPECT_EQ(Ask(process_signal).text.substr(0, 1), "0");
-}
-
-// Jobs are started by execv: words that a shell would expand reach the
-// program as they were given.
-TEST_F(ReliabilityTest, JobArgumentsReachTheProgramUnexpanded) {
-  ASSERT_EQ(Ask(queue_init, "q1 1").text, Ok("Queue initialised"));
-  std::filesystem::create_directories(Dir("a"));
-  WriteFile(Dir("a") + "/go", "");
   const std::string marker = instance().root() + "/expanded";
   const std::string words =
       "$(touch${IFS}" + marker + ") `touch${IFS}" + marker + "`;touch${IFS}" + marker + " * $HOME";
-  ASSERT_EQ(Ask(queue_submit, "q1 -j a stubborn.sh " + Dir("a") + " " + words).text, Ok("1"));
-  ASSERT_TRUE(WaitFor([&] { return Exists(Dir("a") + "/args"); }, 10s));
-  EXPECT_TRUE(WaitFor(
-      [&] {
-        return ReadFile(Dir("a") + "/args") == Dir("a") + "\n$(touch${IFS}" + marker + ")\n`touch${IFS}" + marker +
-                                                   "`;touch${IFS}" + marker + "\n*\n$HOME\n";
-      },
-      5s))
-      << ReadFile(Dir("a") + "/args");
+  Go("a");
+  EXPECT_EQ(Ask(queue_submit, "q1 -j a stubborn.sh " + Dir("a") + " " + words).text, Ok("1"));
+  const long a = Pid(Dir("a"));
+  EXPECT_TRUE(Driven([&] { return GroupGone(a) && Counts("q1") == "pending=0\tholding=0\tjob_limit: 1/1"; }));
+  EXPECT_EQ(ReadFile(lgc), "");
+  EXPECT_EQ(ReadFile(Dir("a") + "/args"), Dir("a") + "\n$(touch${IFS}" + marker + ")\n`touch${IFS}" + marker +
+                                              "`;touch${IFS}" + marker + "\n*\n$HOME\n");
   EXPECT_FALSE(Exists(marker));
+
+  ASSERT_EQ(unlink(lgc.c_str()), 0);
+  ASSERT_EQ(rename(away.c_str(), lgc.c_str()), 0);
+  Go("b");
+  EXPECT_EQ(Submit("q1", "b"), Ok("2"));
+  EXPECT_TRUE(WaitForTrace("Allocated entry number [2] for job [b]"));
+  EXPECT_TRUE(Driven([&] { return Logged("CTX:2;PID:", ""); }));
+  EXPECT_FALSE(Logged("CTX:1;PID:", ""));  // lost while the directory was away
 }
 
 }  // namespace

@@ -8,10 +8,10 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <functional>
 #include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -44,16 +44,11 @@ class JobProcessTest : public ::testing::Test {
       DestroyJob(ElementOf<Job>(n)->pFollowUpJob);
       DestroyJob(ElementOf<Job>(n));
     }
-    // Every job group we started is killed and its leader reaped.
+    // Every job group we started is killed and its leader reaped (unless JobControl did).
     for (pid_t pid : pids_) {
-      int status = 0;
-      if (pid <= 0) continue;
-      const pid_t r = waitpid(pid, &status, WNOHANG);
-      if (r < 0) continue;  // reaped by JobControl, which killed the group
+      if (pid <= 0 || waitpid(pid, nullptr, WNOHANG) < 0) continue;
       kill(-pid, SIGKILL);
-      if (r == 0) {
-        EXPECT_TRUE(WaitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 5s));
-      }
+      EXPECT_TRUE(WaitFor([&] { return waitpid(pid, nullptr, WNOHANG) != 0; }, 5s));
     }
     eQMOptions = 0;
     gQmNow = QmSystemNow;
@@ -72,29 +67,24 @@ class JobProcessTest : public ::testing::Test {
       ADD_FAILURE() << script;
     return job;
   }
-  Job* ShJob(const std::string& script) { return NewJob("/bin/sh", script); }
-  static void AddCondition(Job* job, int code, int burst, int interval) {
-    AddTail(&job->ListOfJobRestartConditions, NodeOf(new JobRestartCondition{{}, code, burst, interval}));
-  }
-  /// A follow-up that writes its $0 and $@ into the file "args", one a line.
-  Job* ArgsWriter() { return ShJob("printf '%s\\n' \"$0\" \"$@\" > " + File("args")); }
-  void Track(int64_t pid) { pids_.insert(static_cast<pid_t>(pid)); }
+  /// A /bin/sh job that writes its $0 and $@ into the file, one a line.
+  Job* ArgsWriter(const std::string& file) { return NewJob("/bin/sh", "printf '%s\\n' \"$0\" \"$@\" > " + File(file)); }
   void Start(Job* job) {
     job->PID = runjob(job);
-    Track(job->PID);
+    pids_.insert(job->PID);
     AddTail(&queue_.ListOfJobs, NodeOf(job));
   }
-  /// Runs JobControl passes until cond holds (10 s at most).
-  bool PassUntil(const std::function<bool()>& cond) {
-    auto pass = [&] {
-      WalkList(&queue_.ListOfJobs, JobControl, &queue_, nullptr);
-      for (Job* j : Elements<Job>(queue_.ListOfJobs)) Track(j->PID);
-      return cond();
-    };
-    return WaitFor(pass, 10s);
+  /// Runs JobControl passes until the queue is empty (10 s at most).
+  bool PassUntilEmpty() {
+    return WaitFor(
+        [&] {
+          WalkList(&queue_.ListOfJobs, JobControl, &queue_, nullptr);
+          for (Job* j : Elements<Job>(queue_.ListOfJobs)) pids_.insert(j->PID);
+          return queue_.ListOfJobs.Head == nullptr;
+        },
+        10s);
   }
   std::string File(const std::string& name) const { return inst_.root() + "/" + name; }
-  bool QueueEmpty() const { return queue_.ListOfJobs.Head == nullptr; }
   /// Exit-log lines without time stamp, with PIDs and start times masked.
   std::vector<std::string> ExitLog() const {
     std::vector<std::string> lines;
@@ -110,12 +100,12 @@ class JobProcessTest : public ::testing::Test {
   std::set<pid_t> pids_;
 };
 
-TEST_F(JobProcessTest, SignalDeathRestartsOnCode142ThenTheFollowUpGetsMinus15AndTheWholeCommand) {
-  Job* job = ShJob("kill -TERM $$");
-  AddCondition(job, 142, 1, 0);
-  job->pFollowUpJob = ArgsWriter();
+TEST_F(JobProcessTest, SignalDeathRestartsOnCode142ExecFailureEndsWith127AndFollowUpsGetTheCode) {
+  Job* job = NewJob("/bin/sh", "kill -TERM $$");
+  AddTail(&job->ListOfJobRestartConditions, NodeOf(new JobRestartCondition{{}, 142, 1, 0}));
+  job->pFollowUpJob = ArgsWriter("args");
   Start(job);
-  ASSERT_TRUE(PassUntil([&] { return QueueEmpty(); }));
+  ASSERT_TRUE(PassUntilEmpty());
   EXPECT_EQ(ReadFile(File("args")), "-i\n-15\n-d\nq1\n--\nsh\n-c\nkill -TERM $$\n");
   const std::string end = "CTX:7;PID:*;name:j;submit:00-00-00 00:00:00;start:*;";
   const std::string killed = end + "Job terminated with signal [exit code: 15];\"/bin/sh\" -c kill -TERM $$;";
@@ -127,28 +117,27 @@ TEST_F(JobProcessTest, SignalDeathRestartsOnCode142ThenTheFollowUpGetsMinus15And
   // Only the follow-up's end frees the place; the counter follows the queue.
   EXPECT_EQ(queue_.current_job_limit, 1);
   EXPECT_EQ(counter_.current_job_limit, 1);
-}
 
-TEST_F(JobProcessTest, ExecFailureEndsWith127AndAFollowUpInQueueSingleGetsNoQueuePair) {
+  // A program that cannot be started; in the queue "single" the follow-up gets no queue pair.
   queue_.name = "single";
-  Job* job = NewJob("/nonexistent/program");
-  job->pFollowUpJob = ArgsWriter();
+  job = NewJob("/nonexistent/program");
+  job->pFollowUpJob = ArgsWriter("args127");
   Start(job);
-  ASSERT_TRUE(PassUntil([&] { return QueueEmpty(); }));
-  EXPECT_EQ(ReadFile(File("args")), "-i\n127\n");  // no "--" either: the job had no arguments
-  EXPECT_NE(ExitLog()[0].find("Job exited with status [exit code: 127]"), std::string::npos);
+  ASSERT_TRUE(PassUntilEmpty());
+  EXPECT_EQ(ReadFile(File("args127")), "-i\n127\n");  // no "--" either: the job had no arguments
+  EXPECT_NE(ExitLog()[5].find("Job exited with status [exit code: 127]"), std::string::npos);
 }
 
 TEST_F(JobProcessTest, FourHundredArgumentsKeepTheLastInEntry309AndWarnOnce) {
   inst_.write_glbv("gv_prot", File("prot.log"));
-  Job* job = ShJob("printf '%s\\n' \"$0\" \"$@\" > " + File("out"));
+  Job* job = ArgsWriter("out");
   for (int i = 3; i <= 400; ++i) jobAddArg_str(job, ("a" + std::to_string(i)).c_str());
   ASSERT_EQ(job->arg_count, 400);
   Start(job);
   const std::string prot = ReadFile(File("prot.log"));
   EXPECT_NE(prot.find("QueueManager Submit: Argument index reached max value > 309"), std::string::npos) << prot;
   EXPECT_EQ(prot.find("W003"), prot.rfind("W003")) << prot;
-  ASSERT_TRUE(PassUntil([&] { return QueueEmpty(); }));
+  ASSERT_TRUE(PassUntilEmpty());
   // $0 is argument 3; arguments 3..308 fill entries up to 308, entry 309 holds the last.
   std::string expected;
   for (int i = 3; i <= 308; ++i) expected += "a" + std::to_string(i) + "\n";
@@ -158,16 +147,10 @@ TEST_F(JobProcessTest, FourHundredArgumentsKeepTheLastInEntry309AndWarnOnce) {
 TEST_F(JobProcessTest, RestartBurstAndSlidingWindowBoundaries) {
   gQmNow = TestNow;
   gTestNow = 1000;
-  Job* job = ShJob("exit 0");
-  AddCondition(job, 3, 2, 60);
-  AddCondition(job, 3, 10, 0);
-  AddCondition(job, 5, 1, 0);
-  AddCondition(job, 0, 5, 0);
-  auto restart = [&](int64_t code) {
-    const int32_t pid = JobRestart(job, code);
-    Track(pid);
-    return pid;
-  };
+  Job* job = NewJob("/bin/sh", "exit 0");
+  for (const auto& [code, burst, interval] : {std::tuple{3, 2, 60}, {3, 10, 0}, {5, 1, 0}, {0, 5, 0}})
+    AddTail(&job->ListOfJobRestartConditions, NodeOf(new JobRestartCondition{{}, code, burst, interval}));
+  auto restart = [&](int64_t code) { return *pids_.insert(JobRestart(job, code)).first; };
   EXPECT_EQ(restart(0), 0);  // a clean end never restarts, even with a condition for 0
   EXPECT_GT(restart(3), 0);
   EXPECT_GT(restart(3), 0);
@@ -189,7 +172,7 @@ TEST_F(JobProcessTest, RestartBurstAndSlidingWindowBoundaries) {
 
 // Code 0 leaves the job unrun and its arguments as they were.
 TEST_F(JobProcessTest, PendingStateCodeZeroDoesNotRunTheJob) {
-  Job* job = ArgsWriter();
+  Job* job = ArgsWriter("args");
   SetPendingStateExitCode(NodeOf(job), const_cast<char*>("0"), nullptr);
   RunWithPendingStateExitCode(job);
   EXPECT_EQ(job->PID, 0);

@@ -16,7 +16,6 @@
 
 #include "cm_common.h"
 #include "cm_kernel.h"
-#include "cm_semaphore.h"
 #include "cm_trace.h"
 #include "daemon_fixture.h"
 #include "kd_test_support.h"
@@ -25,13 +24,6 @@ namespace {
 
 using kdtest::RawClient;
 using std::chrono::seconds;
-
-/// Waits for every child of the test process (the answer writers).
-void ReapAll() {
-  int status = 0;
-  while (waitpid(-1, &status, 0) > 0 || errno == EINTR) {
-  }
-}
 
 class DaemonUnitTest : public ::testing::Test {
  protected:
@@ -43,7 +35,8 @@ class DaemonUnitTest : public ::testing::Test {
     CopyCut(qmd_to_qm, instance_.qm() + "com/to_qm_pipe");
   }
   void TearDown() override {
-    ReapAll();
+    while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {  // the answer writers
+    }
     CopyCut(gszQmDir, "");
     CopyCut(gszKeldaDay, "");
     v_set_log_all_close(&gQmLog);
@@ -62,76 +55,53 @@ class DaemonUnitTest : public ::testing::Test {
 }  // namespace
 
 TEST_F(DaemonUnitTest, SplittingTakesModePidNameResourceAndTheArgumentsByMode) {
-  const struct {
-    const char* line;
-    int function;
-    long pid;
-    const char* name;
-    const char* args;
-    const char* allocate;
-    const char* resource;
-    bool lazy;
-  } cases[] = {
+  // Each line's mode, pid, [queue name] [arguments] [allocation wish] [resource] and lazy flag.
+  const std::pair<const char*, std::string> cases[] = {
       // Modes 1 to 5 carry no argument text; two double quotes are an empty name.
-      {"1 4711 q1 ignored", queue_block, 4711, "q1", "", "", "", false},
-      {"0 12 q1/a/b 5 cnt", queue_init, 12, "q1", "q1/a/b 5 cnt", "", "a/b", false},
-      {"14 12 \"\"", queue_sho, 12, "", "\"\"", "", "", false},
+      {"1 4711 q1 ignored", "1 4711 [q1] [] [] [] 0"},
+      {"0 12 q1/a/b 5 cnt", "0 12 [q1] [q1/a/b 5 cnt] [] [a/b] 0"},
+      {"14 12 \"\"", "14 12 [] [\"\"] [] [] 0"},
       // Submits: allocation wish and resource; a quoted end-of-options marker is unquoted.
-      {"6 77 q1/alloc/res@srv job1 -p 3 \"--\" /bin/prog \"--\" \"--\" x", queue_submit, 77, "q1",
-       "job1 -p 3 -- /bin/prog -- -- x", "alloc", "res@srv", false},
-      {"8 77 q1/alloc job", queue_submit, 77, "q1", "job", "alloc", "", true},
-      {"9 77 q1 job", queue_submit_sync, 77, "q1", "job", "", "", true},
-      {"23 77 name \"--\" a \"--\" x", job_set, 77, "name", "\"--\" a -- x", "", "", false},
-      // Missing or unreadable fields; a doubled blank shifts them.
-      {"abc 4711 q1", invalid_mode, 4711, "q1", "q1", "", "", false},
-      {"26  4711", invalid_mode, 0, "4711", "4711", "", "", false},
-      {"26", invalid_mode, 0, "", "", "", "", false},
-      {"99 5 x", 99, 5, "x", "", "", "", false},
+      {"6 77 q1/alloc/res@srv job1 -p 3 \"--\" /bin/prog \"--\" \"--\" x",
+       "6 77 [q1] [job1 -p 3 -- /bin/prog -- -- x] [alloc] [res@srv] 0"},
+      // 8 and 9 are the lazy forms of 6 and 7.
+      {"8 77 q1/alloc job", "6 77 [q1] [job] [alloc] [] 1"},
+      {"9 77 q1 job", "7 77 [q1] [job] [] [] 1"},
+      {"23 77 name \"--\" a \"--\" x", "23 77 [name] [\"--\" a -- x] [] [] 0"},
+      // Missing or unreadable fields give the invalid mode 28. Unknown modes and
+      // a doubled blank are refused end to end (DaemonProtocolTest).
+      {"abc 4711 q1", "28 4711 [q1] [q1] [] [] 0"},
+      {"26", "28 0 [] [] [] [] 0"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [line, expected] : cases) {
     Query q{};
-    SplitRequest(c.line, &q);
-    EXPECT_EQ(static_cast<int>(q.function), c.function) << c.line;
-    EXPECT_EQ(q.peer.PID, c.pid) << c.line;
-    EXPECT_STREQ(q.que_name, c.name) << c.line;
-    EXPECT_STREQ(q.szCmdArgs, c.args) << c.line;
-    EXPECT_STREQ(gszAllocate, c.allocate) << c.line;
-    EXPECT_STREQ(gszResource, c.resource) << c.line;
-    EXPECT_EQ(q.bLazy, c.lazy) << c.line;
+    SplitRequest(line, &q);
+    EXPECT_EQ(std::to_string(q.function) + " " + std::to_string(q.peer.PID) + " [" + q.que_name + "] [" + q.szCmdArgs +
+                  "] [" + gszAllocate + "] [" + gszResource + "] " + (q.bLazy ? "1" : "0"),
+              expected);
   }
-  EXPECT_STREQ(gszClientPid, "5");
-  const std::string log = TraceLog();
-  EXPECT_NE(log.find("Warning: WARNING: no function read"), std::string::npos);
-  EXPECT_NE(log.find("Warning: WARNING: no pid read"), std::string::npos);
+  EXPECT_NE(TraceLog().find("Warning: WARNING: no function read"), std::string::npos);
 }
 
-TEST_F(DaemonUnitTest, ShutdownRequestRemovesThePipeReleasesTheLockAndReturnsTwo) {
+// The lock's release and a shutdown with queues are covered end to end (DaemonStartTest).
+TEST_F(DaemonUnitTest, ShutdownRequestWithoutQueuesRemovesThePipeAndReturnsTwo) {
   ASSERT_EQ(CreateRequestPipe(), 0);
-  CopyCut(gQmLock.szSema, "KD_QM_MAIN");
-  CopyCut(gQmLock.szCaller, "KD_QM_MAIN");
-  ASSERT_EQ(i_SEMA('*', &gQmLock), KD_SUCCESS);
   RawClient client(instance_.qm(), 503);
   ASSERT_TRUE(client.CreatePipe() && client.OpenForAnswer());
   EXPECT_EQ(iEXEC_REQUEST("25 503 -e 7"), 2);
   EXPECT_EQ(client.ReadAnswer(seconds(10)).text, "1STATUS=WARNING MSG=No queue existing\n");
   EXPECT_FALSE(kdtest::Exists(qmd_to_qm));
-  EXPECT_EQ(gQmLock.hSema, -1);
-  EXPECT_EQ(kdtest::ReadFile(instance_.work() + "sem/KD_QM_MAIN.sem"), "");
 }
 
 TEST_F(DaemonUnitTest, LogSwitchesWhenTheBusinessDayChanges) {
   instance_.write_glbv("gv_date", "2026-05-13");
   SetLogFile();
-  EXPECT_STREQ(gszKeldaDay, "2026-05-13");
   SetLogFile();
   instance_.write_glbv("gv_date", "2026-05-14");
   SetLogFile();
-  EXPECT_STREQ(gszKeldaDay, "2026-05-14");
-
-  std::string log = TraceLog();
+  const std::string log = TraceLog();
   EXPECT_NE(log.find("Info: Kelda day has changed (<>2026-05-13). Switch logfile"), std::string::npos);
-  const std::string second = "Info: Kelda day has changed (2026-05-13<>2026-05-14). Switch logfile";
-  EXPECT_NE(log.find(second), std::string::npos);
+  EXPECT_NE(log.find("Info: Kelda day has changed (2026-05-13<>2026-05-14). Switch logfile"), std::string::npos);
   EXPECT_EQ(log.find("Kelda day has changed (2026-05-13<>2026-05-13)"), std::string::npos);
 
   std::filesystem::remove(instance_.glbv_dir() + "gv_date.sgv");
@@ -159,27 +129,24 @@ TEST_F(DaemonUnitTest, PrintSmaskNamesEveryBlockedSignalInItsOrder) {
 TEST_F(DaemonUnitTest, PidFileIsWrittenOnlyWithTheServiceUnitWithItsNulByte) {
   kdtest::TempDir dir;
   char msg[256] = {};
-  const std::string unit = dir.file("unit.service"), pid_file = dir.file("kd.pid");
-  EXPECT_EQ(WriteServicePidFile(unit.c_str(), dir.path().c_str(), pid_file.c_str(), msg, sizeof msg), 0);
+  const std::string unit = dir.file("unit.service"), pid_file = dir.file("kd.pid"), nowhere = dir.file("no/kd.pid");
+  auto write = [&](const std::string& file) {
+    return WriteServicePidFile(unit.c_str(), dir.path().c_str(), file.c_str(), msg, sizeof msg);
+  };
+  EXPECT_EQ(write(pid_file), 0);
   EXPECT_FALSE(kdtest::Exists(pid_file));
-
   kdtest::WriteFile(unit, "[Unit]\n");
-  EXPECT_EQ(WriteServicePidFile(unit.c_str(), dir.path().c_str(), pid_file.c_str(), msg, sizeof msg), 0);
+  EXPECT_EQ(write(pid_file), 0);
   EXPECT_EQ(kdtest::ReadFile(pid_file), std::to_string(getpid()) + "\n" + std::string(1, '\0'));
-
-  const std::string nowhere = dir.file("missing/kd.pid");
-  EXPECT_EQ(WriteServicePidFile(unit.c_str(), dir.path().c_str(), nowhere.c_str(), msg, sizeof msg), -1);
+  EXPECT_EQ(write(nowhere), -1);
   EXPECT_EQ(std::string(msg), "Could not create '" + nowhere + "' file: No such file or directory");
 }
 
+// "?x" and "/?" print the usage, "-d" and no argument start the daemon end to
+// end (DaemonStartTest).
 TEST_F(DaemonUnitTest, UsageIsAskedByOneArgumentOnly) {
-  for (const auto& [words, usage] : std::vector<std::pair<std::vector<std::string>, bool>>{
-           {{"kd_qm_main", "?what"}, true},       {{"kd_qm_main", "-h"}, true},  {{"kd_qm_main", "-?"}, true},
-           {{"kd_qm_main", "/?"}, true},          {{"kd_qm_main", "-h", "extra"}, false},
-           {{"kd_qm_main", "-help"}, false},      {{"kd_qm_main"}, false},       {{"kd_qm_main", "-d"}, false}}) {
-    std::vector<std::string> copy = words;
-    std::vector<char*> argv;
-    for (auto& w : copy) argv.push_back(w.data());
-    EXPECT_EQ(IsUsageRequest(static_cast<int>(argv.size()), argv.data()), usage) << words.back();
-  }
+  for (const auto& [argv, usage] : std::vector<std::pair<std::vector<const char*>, bool>>{
+           {{"kd_qm_main", "-h"}, true}, {{"kd_qm_main", "-?"}, true},
+           {{"kd_qm_main", "-h", "extra"}, false}, {{"kd_qm_main", "-help"}, false}})
+    EXPECT_EQ(IsUsageRequest(static_cast<int>(argv.size()), const_cast<char**>(argv.data())), usage) << argv.back();
 }

@@ -31,12 +31,12 @@ class AnswerTest : public ::testing::Test {
     CopyCut(qmd_from_qm, "");
   }
   void TearDown() override { CopyCut(gszQmDir, ""); }
-
-  /// Waits for the answer child and returns its exit code.
-  static int Reap(pid_t child) {
-    int status = 0;
-    if (waitpid(child, &status, 0) != child) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  /// A valid peer of the pid.
+  static HPEER Peer(long pid, bool valid = true) {
+    HPEER peer;
+    peer.PID = pid;
+    peer.valid = valid;
+    return peer;
   }
 
   kdtest::TestInstance instance_;
@@ -44,8 +44,7 @@ class AnswerTest : public ::testing::Test {
 
 TEST_F(AnswerTest, OneShotAnswerIsWrittenByAChildCutAtTheFormatLengthPlus1024) {
   RawClient client(instance_.qm(), 4711);
-  HPEER peer;
-  peer.PID = 4711;
+  HPEER peer = Peer(4711, false);
   EXPECT_EQ(answer(&peer, KD_SUCCESS, "STATUS=SUCCESS MSG=x\n"), 0) << "a peer that is not valid gets no child";
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);
@@ -57,36 +56,24 @@ TEST_F(AnswerTest, OneShotAnswerIsWrittenByAChildCutAtTheFormatLengthPlus1024) {
   const RawAnswer a = client.ReadAnswer(seconds(10));
   EXPECT_TRUE(a.complete);
   EXPECT_EQ(a.text, "2" + std::string(std::strlen("%s") + 1024 - 1, 'x'));
-  EXPECT_EQ(Reap(child), 0);
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
-TEST_F(AnswerTest, PipeOpenedWithAReaderIsCloseOnExecAndWithoutOneFails) {
+// A reader that is missing, gives up or never reads is covered end to end
+// (DaemonFaultTest, ReliabilityTest).
+TEST_F(AnswerTest, PipeIsOpenedCloseOnExecAndPipePrintfWritesEverythingASlowReaderTakes) {
   RawClient client(instance_.qm(), 4714);
   ASSERT_TRUE(client.CreatePipe() && client.OpenForAnswer());
+  CopyCut(qmd_from_qm, client.answer_pipe());
+  const int same = iOpen_From_QM_Pipe(0);  // pid 0: the pipe of the request being served
+  EXPECT_GE(same, 0);
+  close(same);
   const int fd = iOpen_From_QM_Pipe(4714);
   ASSERT_GE(fd, 0);
   EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
   EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-  close(fd);
-
-  // Pid 0 means the pipe of the request being served.
-  CopyCut(qmd_from_qm, client.answer_pipe());
-  const int same = iOpen_From_QM_Pipe(0);
-  EXPECT_GE(same, 0);
-  close(same);
-
-  // Without a reader the open fails after 20 retries 100 ms apart.
-  client.CloseAnswer();
-  errno = 0;
-  EXPECT_EQ(iOpen_From_QM_Pipe(4714), -1);
-  EXPECT_EQ(errno, ENXIO);
-}
-
-TEST_F(AnswerTest, PipePrintfWritesEverythingASlowReaderTakesAndGivesUpOnAFullPipe) {
-  RawClient client(instance_.qm(), 4715);
-  ASSERT_TRUE(client.CreatePipe() && client.OpenForAnswer());
-  const int fd = iOpen_From_QM_Pipe(4715);
-  ASSERT_GE(fd, 0);
   FILE* out = fdopen(fd, "w");
   ASSERT_NE(out, nullptr);
 
@@ -100,30 +87,14 @@ TEST_F(AnswerTest, PipePrintfWritesEverythingASlowReaderTakesAndGivesUpOnAFullPi
   reader.join();
   EXPECT_TRUE(read_back.complete);
   EXPECT_EQ(read_back.text, "0" + big + "|end");
-
-  // Nobody reads: the pipe fills, the writer waits a second and stops.
-  ASSERT_TRUE(client.OpenForAnswer());
-  const int full_fd = iOpen_From_QM_Pipe(4715);
-  ASSERT_GE(full_fd, 0);
-  FILE* full = fdopen(full_fd, "w");
-  const auto start = std::chrono::steady_clock::now();
-  const int written = pipe_printf(full, "%s", big.c_str());
-  EXPECT_GT(written, 0);
-  EXPECT_LT(written, static_cast<int>(big.size()));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(5));
-  std::fclose(full);
 }
 
 TEST_F(AnswerTest, MultiPartAnswerOpensOnceWritesPartsAndClosesWithTheLastPart) {
   RawClient client(instance_.qm(), 4716);
   ASSERT_TRUE(client.CreatePipe() && client.OpenForAnswer());
-  HPEER peer;
-  peer.valid = true;
-  peer.PID = 4716;
+  HPEER peer = Peer(4716);
   answer_wildcard(&peer, KD_WARNING, "first;", nullptr, ' ');
   EXPECT_EQ(peer.iStatusFlag, 1);
-  ASSERT_NE(peer.fOut, nullptr);
-  EXPECT_GE(peer.fd, 0);
   answer_wildcard(&peer, KD_ERROR, "second;", nullptr, ' ');  // the digit of the first part stays
   answer_wildcard(&peer, KD_ERROR, nullptr, nullptr, ' ');
   peer.iStatusFlag = 2;
@@ -133,25 +104,19 @@ TEST_F(AnswerTest, MultiPartAnswerOpensOnceWritesPartsAndClosesWithTheLastPart) 
   const RawAnswer a = client.ReadAnswer(seconds(10));
   EXPECT_TRUE(a.complete);
   EXPECT_EQ(a.text, "1first;second;STATUS=SUCCESS MSG=ok\n");
-}
 
-TEST_F(AnswerTest, MultiPartAnswerToAVanishedOrInvalidPeerWritesNothingAndKeepsGoing) {
-  HPEER invalid;
-  invalid.PID = 4717;
+  // An invalid peer is not answered; a vanished one is reported once and the parts go nowhere.
+  HPEER invalid = Peer(4717, false);
   answer_wildcard(&invalid, KD_SUCCESS, "x", nullptr, ' ');
   EXPECT_EQ(invalid.iStatusFlag, 0);
-  EXPECT_EQ(invalid.fOut, nullptr);
-
-  HPEER gone;
-  gone.valid = true;
-  gone.PID = 4718;  // no pipe at all
+  HPEER gone = Peer(4718);  // no pipe at all
   const std::string err = kdtest::CaptureFd(2, [&] {
     answer_wildcard(&gone, KD_SUCCESS, "part", nullptr, ' ');
     answer_wildcard(&gone, KD_SUCCESS, "more", nullptr, ' ');
     gone.iStatusFlag = 2;
     answer_wildcard(&gone, KD_SUCCESS, "last", nullptr, ' ');
   });
-  EXPECT_NE(err.find("File from_qm_pipe4718 can't be opened: No such file or directory"), std::string::npos) << err;
+  EXPECT_EQ(err, "File from_qm_pipe4718 can't be opened: No such file or directory\n");
   EXPECT_EQ(gone.fOut, nullptr);
 }
 

@@ -1,5 +1,5 @@
-// Job creation from submission texts (option grammar, quoting, follow-up
-// chains, legacy grammar, refusals) and the change of a waiting job.
+// Job creation from submission texts (option grammar, quoting, legacy
+// grammar, follow-up chains, refusals) and the change of a waiting job.
 #include "qm_job.h"
 
 #include <string>
@@ -51,7 +51,7 @@ class JobTest : public ::testing::Test {
   char error_[1024] = {};
 };
 
-TEST_F(JobTest, OptionsQuotedWordsAndTheCommand) {
+TEST_F(JobTest, OptionsQuotedWordsLegacyGrammarAndTheLongestTexts) {
   const std::string text =
       "-j \"my job\" -p 3/2 -S 5/60 -e restricted -K job.sh /bin/echo a \"b c\" \"d\" -x";
   ASSERT_NE(Create(text), nullptr) << error_;
@@ -63,7 +63,6 @@ TEST_F(JobTest, OptionsQuotedWordsAndTheCommand) {
   EXPECT_EQ(job_->stopJobExecutable, bin_.file("job.sh"));
   EXPECT_EQ(job_->file_name, "/bin/echo");
   EXPECT_EQ(Args(job_), (Strings{"a", "b c", "d", "-x"}));
-  EXPECT_EQ(job_->arg_count, 4);
   EXPECT_EQ(*job_->pFullCommand, text);
   EXPECT_EQ(job_->Time.year, 1900);  // no -T: start at once
 
@@ -80,6 +79,23 @@ TEST_F(JobTest, OptionsQuotedWordsAndTheCommand) {
   EXPECT_EQ(args.priority, 5);
   EXPECT_STREQ(args.fileName, "");
   FreeJobArgs(&args);
+
+  // The legacy grammar: time, date, priority/answer step, name, program.
+  ASSERT_NE(Create("10:30 2030-01-02 4/7 old job.sh x \"y z\""), nullptr) << error_;
+  EXPECT_EQ(std::vector<int>({job_->Time.year, job_->Time.day, job_->Time.hour, job_->Time.min, job_->MaxAnswerStep}),
+            std::vector<int>({2030, 2, 10, 30, 7}));  // the answer step is kept by the legacy grammar only
+  EXPECT_EQ(job_->job_name, "old");
+  EXPECT_EQ(job_->file_name, bin_.file("job.sh"));
+  EXPECT_EQ(Args(job_), (Strings{"x", "y z"}));
+
+  std::string text400 = "-j many /bin/echo";
+  for (int i = 0; i < 400; ++i) text400 += " a" + std::to_string(i % 10);
+  ASSERT_NE(Create(text400), nullptr) << error_;
+  EXPECT_EQ(job_->arg_count, 400);
+  std::string longest = "-j long /bin/echo \"" + std::string(2020, 'x') + "\"";
+  longest.resize(2047);  // the longest command text of a request
+  ASSERT_NE(Create(longest), nullptr) << error_;
+  EXPECT_EQ(Args(job_), Strings{std::string(1023, 'x')});  // an argument is cut, not refused
 }
 
 TEST_F(JobTest, TimeRestartAndGlobalResourceOptions) {
@@ -95,9 +111,7 @@ TEST_F(JobTest, TimeRestartAndGlobalResourceOptions) {
   for (const JobRestartCondition* c : Elements<JobRestartCondition>(job_->ListOfJobRestartConditions))
     conditions.push_back({c->iRestartConditionMask, c->iRestartLimitBurst, c->iRestartLimitIntervalSec});
   EXPECT_EQ(conditions, (std::vector<std::vector<int>>{{3, 5, 60}, {7, 3, 0}}));
-  GlobalResource* lic = FindGlobalResource("lic", &gGlobalResources);
-  ASSERT_NE(lic, nullptr);
-  EXPECT_EQ(lic->slots, 2);
+  // The slots a global resource is given show in the listing (e2e SchedulingTest).
   EXPECT_EQ(CountList(&job_->ListOfGlobalResourceNames), 2);
 
   ASSERT_NE(Create("-T now -W 0 -E ab /bin/true"), nullptr) << error_;
@@ -145,28 +159,6 @@ TEST_F(JobTest, FollowUpChains) {
   ASSERT_NE(job_->pFollowUpJob, nullptr);
   EXPECT_EQ(job_->pFollowUpJob->job_name, "");  // its own empty -j replaces "x*"
   EXPECT_EQ(job_->pFollowUpJob->pFollowUpJob, nullptr);
-}
-
-TEST_F(JobTest, LegacyGrammar) {
-  ASSERT_NE(Create("10:30 2030-01-02 4/7 old job.sh x \"y z\""), nullptr) << error_;
-  EXPECT_EQ(std::vector<int>({job_->Time.year, job_->Time.day, job_->Time.hour, job_->Time.min}),
-            std::vector<int>({2030, 2, 10, 30}));
-  EXPECT_EQ(job_->MaxAnswerStep, 7);  // kept by the legacy grammar only
-  EXPECT_EQ(job_->job_name, "old");
-  EXPECT_EQ(job_->file_name, bin_.file("job.sh"));
-  EXPECT_EQ(Args(job_), (Strings{"x", "y z"}));
-}
-
-TEST_F(JobTest, ManyArgumentsAndTheLongestTextParse) {
-  std::string text = "-j many /bin/echo";
-  for (int i = 0; i < 400; ++i) text += " a" + std::to_string(i % 10);
-  ASSERT_NE(Create(text), nullptr) << error_;
-  EXPECT_EQ(job_->arg_count, 400);
-
-  text = "-j long /bin/echo \"" + std::string(2020, 'x') + "\"";
-  text.resize(2047);  // the longest command text of a request
-  ASSERT_NE(Create(text), nullptr) << error_;
-  EXPECT_EQ(Args(job_), Strings{std::string(1023, 'x')});  // an argument is cut, not refused
 }
 
 // job_set's change: the named values, every time not named reset, the
