@@ -2,6 +2,7 @@
 // (daylight saving, overflow, bad input), and the timestamp conversions.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -54,6 +55,11 @@ void ExpectNowBased(const std::string& command, const std::function<std::string(
                     std::size_t compare = std::string::npos) {
   const std::string before = expected();
   const std::string got = TimeGet(command).substr(0, compare);
+  // time_get reads the precise clock, time() may trail it by a tick: the
+  // later expectation is taken once time() has reached that second.
+  timespec precise{};
+  clock_gettime(CLOCK_REALTIME, &precise);
+  kdtest::WaitFor([&] { return time(nullptr) >= precise.tv_sec; }, std::chrono::seconds(1));
   const std::string after = expected();
   EXPECT_TRUE(got == before || got == after) << "[" << command << "] gave " << got << ", expected " << before;
 }
