@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_percentiles.h"
 #include "cm_common.h"
 #include "kd_hal_qm.h"
 #include "kd_test_support.h"
@@ -38,14 +39,6 @@ constexpr const char* kTypicalSubmission =
     "-j nightly_backup -p 5/2 -S 30/600 -T now -W 2099-01-01_00:00 -E 2099-12-31_23:59 -R 3:2:60 -G tape=2 "
     "/bin/true --level full --target \"/srv/backup set\" -v 3 -- -j nightly_report /bin/true report";
 
-void ReportPercentiles(benchmark::State& state, std::vector<double> us, const std::string& prefix = "") {
-  if (us.empty()) return;
-  std::sort(us.begin(), us.end());
-  auto at = [&](double q) { return us[std::min(us.size() - 1, static_cast<std::size_t>(q * us.size()))]; };
-  state.counters[prefix + "median_us"] = at(0.50);
-  state.counters[prefix + "p99_us"] = at(0.99);
-  state.counters[prefix + "max_us"] = us.back();
-}
 
 double Micros(Clock::time_point a, Clock::time_point b) {
   return std::chrono::duration<double, std::micro>(b - a).count();

@@ -30,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_percentiles.h"
 #include "daemon_fixture.h"
 #include "kd_qm_daemon.h"
 #include "kd_test_support.h"
@@ -93,14 +94,6 @@ class BenchDaemon {
   bool ready_ = false;
 };
 
-void ReportPercentiles(benchmark::State& state, std::vector<double> us, const std::string& prefix) {
-  if (us.empty()) return;
-  std::sort(us.begin(), us.end());
-  auto at = [&](double q) { return us[std::min(us.size() - 1, static_cast<std::size_t>(q * us.size()))]; };
-  state.counters[prefix + "median_us"] = at(0.50);
-  state.counters[prefix + "p99_us"] = at(0.99);
-  state.counters[prefix + "max_us"] = us.back();
-}
 
 bool ListingComplete(const kdtest::RawAnswer& a) {
   return a.complete && a.text.size() > kListingEnd.size() &&

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_percentiles.h"
 #include "daemon_fixture.h"
 #include "kd_test_support.h"
 #include "qm_lib.h"
@@ -83,14 +84,6 @@ class BenchDaemon {
 
 std::unique_ptr<BenchDaemon> gDaemon;
 
-void ReportPercentiles(benchmark::State& state, std::vector<double> us) {
-  if (us.empty()) return;
-  std::sort(us.begin(), us.end());
-  auto at = [&](double q) { return us[std::min(us.size() - 1, static_cast<std::size_t>(q * us.size()))]; };
-  state.counters["median_us"] = at(0.50);
-  state.counters["p99_us"] = at(0.99);
-  state.counters["max_us"] = us.back();
-}
 
 /// Resident memory of a process in KiB (VmRSS), or -1.
 long RssKib(pid_t pid) {

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_percentiles.h"
 #include "cm_common.h"
 #include "kd_qm_sched.h"
 #include "kd_test_support.h"
@@ -26,14 +27,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-void ReportPercentiles(benchmark::State& state, std::vector<double> us) {
-  if (us.empty()) return;
-  std::sort(us.begin(), us.end());
-  auto at = [&](double q) { return us[std::min(us.size() - 1, static_cast<std::size_t>(q * us.size()))]; };
-  state.counters["median_us"] = at(0.50);
-  state.counters["p99_us"] = at(0.99);
-  state.counters["max_us"] = us.back();
-}
 
 /// A triple "<name>" with one resource queue whose only place is taken by a
 /// job without a process, and pending jobs behind it. Null on failure.

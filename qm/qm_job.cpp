@@ -420,6 +420,16 @@ int ParseArgs(Query* q, const char* optstring, JobArgs* args, char* error, std::
 
 namespace {
 
+/// The start, wait and end times of the parsed options; the flags say whether
+/// a wait or end time was given.
+void SetJobTimes(Job* job, const JobArgs& args) {
+  job->Time = tm_time_to_Time(args.startTime);
+  job->MaxStartTime = tm_time_to_Time(args.waitTime);
+  job->MaxStartTimeSet = args.iWaitTime != 0;
+  job->MaxCompleteTimestamp = tm_time_to_Time(args.endTime);
+  job->MaxCompleteTimestampSet = args.iEndTime != 0;
+}
+
 /// The common end of both grammars: a follow-up text becomes the job's
 /// follow-up job through the same grammar (create); a failed follow-up
 /// destroys the new job.
@@ -491,11 +501,7 @@ Job* CreateJob(Query* q, Job* previous, char* error, std::size_t error_size) {
     }
     job->MaxAnswerStep = 0;
     // Without -T the parse leaves the all-zero time: start at once.
-    job->Time = tm_time_to_Time(args.startTime);
-    job->MaxStartTime = tm_time_to_Time(args.waitTime);
-    job->MaxStartTimeSet = args.iWaitTime != 0;
-    job->MaxCompleteTimestamp = tm_time_to_Time(args.endTime);
-    job->MaxCompleteTimestampSet = args.iEndTime != 0;
+    SetJobTimes(job, args);
     MoveList(&job->ListOfJobRestartConditions, &args.ListOfJobRestartConditions);
   }
 
@@ -680,11 +686,7 @@ int JobModify(Query* q, Job* job, char* error, std::size_t error_size) {
   if (args.iPriority) job->priority = args.priority;
   // Always overwritten: a time the request leaves out becomes start-at-once
   // (start time) or not set (wait and end time).
-  job->Time = tm_time_to_Time(args.startTime);
-  job->MaxStartTime = tm_time_to_Time(args.waitTime);
-  job->MaxStartTimeSet = args.iWaitTime != 0;
-  job->MaxCompleteTimestamp = tm_time_to_Time(args.endTime);
-  job->MaxCompleteTimestampSet = args.iEndTime != 0;
+  SetJobTimes(job, args);
   // "R" is not among the options, so this empties the conditions.
   MoveList(&job->ListOfJobRestartConditions, &args.ListOfJobRestartConditions);
   FreeJobArgs(&args);
