@@ -19,9 +19,10 @@
 #include <filesystem>
 #include <string>
 
+#include "client/qm_lib.h"
 #include "daemon_fixture.h"
 #include "kd_test_support.h"
-#include "qm_lib.h"
+#include "protocol/request.h"
 
 namespace {
 

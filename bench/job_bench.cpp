@@ -25,11 +25,15 @@
 
 #include "bench_percentiles.h"
 #include "cm_common.h"
-#include "kd_hal_qm.h"
+#include "jobs/launch.h"
 #include "kd_test_support.h"
-#include "qm_entry.h"
-#include "qm_job.h"
-#include "queue.h"
+#include "model/elements.h"
+#include "model/entry_pool.h"
+#include "model/job.h"
+#include "model/job_grammar.h"
+#include "model/records.h"
+#include "model/triple.h"
+#include "protocol/request.h"
 
 namespace {
 
@@ -38,7 +42,6 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* kTypicalSubmission =
     "-j nightly_backup -p 5/2 -S 30/600 -T now -W 2099-01-01_00:00 -E 2099-12-31_23:59 -R 3:2:60 -G tape=2 "
     "/bin/true --level full --target \"/srv/backup set\" -v 3 -- -j nightly_report /bin/true report";
-
 
 double Micros(Clock::time_point a, Clock::time_point b) {
   return std::chrono::duration<double, std::micro>(b - a).count();

@@ -31,12 +31,17 @@
 #include <vector>
 
 #include "bench_percentiles.h"
+#include "cm_common.h"
+#include "daemon/dispatch.h"
 #include "daemon_fixture.h"
-#include "kd_qm_daemon.h"
+#include "jobs/admin_queue.h"
+#include "jobs/removal.h"
 #include "kd_test_support.h"
-#include "qm_admin.h"
-#include "qm_lib.h"
-#include "queue.h"
+#include "model/list.h"
+#include "model/records.h"
+#include "model/triple.h"
+#include "protocol/globals.h"
+#include "protocol/request.h"
 
 namespace {
 
@@ -93,7 +98,6 @@ class BenchDaemon {
   kdtest::ChildProcess proc_;
   bool ready_ = false;
 };
-
 
 bool ListingComplete(const kdtest::RawAnswer& a) {
   return a.complete && a.text.size() > kListingEnd.size() &&

@@ -20,9 +20,10 @@
 #include <vector>
 
 #include "bench_percentiles.h"
+#include "client/qm_lib.h"
 #include "daemon_fixture.h"
 #include "kd_test_support.h"
-#include "qm_lib.h"
+#include "protocol/request.h"
 
 extern char** environ;
 
@@ -83,7 +84,6 @@ class BenchDaemon {
 };
 
 std::unique_ptr<BenchDaemon> gDaemon;
-
 
 /// Resident memory of a process in KiB (VmRSS), or -1.
 long RssKib(pid_t pid) {

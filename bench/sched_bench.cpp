@@ -17,16 +17,20 @@
 
 #include "bench_percentiles.h"
 #include "cm_common.h"
-#include "kd_qm_sched.h"
+#include "jobs/admin_queue.h"
+#include "jobs/removal.h"
 #include "kd_test_support.h"
-#include "qm_admin.h"
-#include "qm_job.h"
-#include "queue.h"
+#include "model/job.h"
+#include "model/job_grammar.h"
+#include "model/list.h"
+#include "model/records.h"
+#include "model/triple.h"
+#include "protocol/request.h"
+#include "sched/pass.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
 
 /// A triple "<name>" with one resource queue whose only place is taken by a
 /// job without a process, and pending jobs behind it. Null on failure.

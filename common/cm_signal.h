@@ -3,6 +3,8 @@
 
 #include <signal.h>
 
+#include <array>
+
 /// Blocks a signal set for the lifetime of the object and restores the
 /// previous mask on destruction, unless KeepBlocked() was called.
 class ScopedSigBlock {
@@ -25,3 +27,12 @@ class ScopedSigBlock {
 
 /// The symbolic name of a signal ("SIGTERM"), or "SIG?" for an unknown number.
 const char* cm_signal_name(int sig);
+
+/// A signal's number and symbolic name.
+struct SignalName {
+  int sig;
+  const char* name;
+};
+/// Every signal by name, in alphabetical order; the aliases SIGIOT and
+/// SIGPOLL are names of their own, behind the names they stand for.
+extern const std::array<SignalName, 32> kSignalNames;

@@ -14,24 +14,15 @@
 
 #include "cm_common.h"
 #include "cm_trace.h"
+#include "daemon/startup.h"
 #include "fuzz_instance.h"
-#include "kd_qm_daemon.h"
-#include "qm_entry.h"
-#include "qm_job.h"
-#include "queue.h"
-
-namespace {
-
-void DestroyChain(Job* job) {
-  while (job != nullptr) {
-    Job* next = job->pFollowUpJob;
-    job->pFollowUpJob = nullptr;
-    DestroyJob(job);
-    job = next;
-  }
-}
-
-}  // namespace
+#include "model/elements.h"
+#include "model/job.h"
+#include "model/job_grammar.h"
+#include "model/records.h"
+#include "model/triple.h"
+#include "protocol/globals.h"
+#include "protocol/request.h"
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   const std::string& root = kdfuzz::MakeInstance();
@@ -54,8 +45,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   char error[1024] = {};
   switch (which) {
     case 0:
-    case 1: DestroyChain(CreateJob(&q, nullptr, error, sizeof error)); break;
-    case 2: DestroyChain(CreateJobOld(&q, nullptr, error, sizeof error)); break;
+    case 1: DestroyJobChain(CreateJob(&q, nullptr, error, sizeof error)); break;
+    case 2: DestroyJobChain(CreateJobOld(&q, nullptr, error, sizeof error)); break;
     default: {
       JobArgs args;
       char follow_up[2048] = {};

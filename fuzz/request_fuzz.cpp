@@ -21,14 +21,21 @@
 
 #include "cm_common.h"
 #include "cm_trace.h"
+#include "daemon/dispatch.h"
+#include "daemon/request_reader.h"
+#include "daemon/startup.h"
 #include "fuzz_instance.h"
-#include "kd_hal_qm.h"
-#include "kd_qm_daemon.h"
-#include "qm_admin.h"
-#include "qm_entry.h"
-#include "qm_job.h"
-#include "qm_task_processor.h"
-#include "queue.h"
+#include "jobs/admin_queue.h"
+#include "jobs/removal.h"
+#include "jobs/tasks.h"
+#include "model/elements.h"
+#include "model/entry_pool.h"
+#include "model/job.h"
+#include "model/list.h"
+#include "model/records.h"
+#include "model/triple.h"
+#include "protocol/globals.h"
+#include "protocol/request.h"
 
 extern "C" pid_t fork() {
   errno = EAGAIN;
@@ -47,18 +54,8 @@ namespace {
 
 constexpr int32_t kEntryPoolCount = 0x40000;
 
-/// Frees a job and the follow-up chain it owns.
-void DestroyChain(Job* job) {
-  while (job != nullptr) {
-    Job* next = job->pFollowUpJob;
-    job->pFollowUpJob = nullptr;
-    DestroyJob(job);
-    job = next;
-  }
-}
-
 void DestroyJobs(List* list) {
-  while (Node* n = RemHead(list)) DestroyChain(ElementOf<Job>(n));
+  while (Node* n = RemHead(list)) DestroyJobChain(ElementOf<Job>(n));
 }
 
 /// Back to a freshly started daemon: only the admin triple, empty lists,

@@ -1,6 +1,6 @@
 // kd_qm: the front end of the queue manager daemon.
 #include <cstdlib>
 
-#include "kd_qm_front.h"
+#include "client/kd_qm_front.h"
 
 int main(int argc, char** argv) { return kd_qm_front(argc, argv); }

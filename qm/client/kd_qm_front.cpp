@@ -1,4 +1,4 @@
-#include "kd_qm_front.h"
+#include "client/kd_qm_front.h"
 
 #include <signal.h>
 #include <unistd.h>
@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "client/qm_lib.h"
 #include "cm_kernel.h"
 #include "cm_trace.h"
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string>
 
-#include "qm_lib.h"
+#include "protocol/request.h"
 
 /// Exit codes of kd_qm beyond the answer digits 0 (Ok), 1 (Warning), 2 (Error).
 enum KD_QM_EXIT : int {

@@ -1,6 +1,6 @@
 // Command codes of the front end and the client library: a request line into
 // the daemon's request pipe, the answer out of an own answer pipe.
-#include "qm_lib.h"
+#include "client/qm_lib.h"
 
 #include <errno.h>
 #include <fcntl.h>

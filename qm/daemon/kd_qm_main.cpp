@@ -3,16 +3,17 @@
 #include <ctime>
 
 #include "cm_trace.h"
-#include "kd_qm_daemon.h"
-#include "kd_qm_hooks.h"
+#include "daemon/main_loop.h"
+#include "daemon/startup.h"
+#include "model/entry_pool.h"
 
 int main(int argc, char** argv) {
   if (IsUsageRequest(argc, argv)) {
     USAGE();
     std::exit(0);
   }
-  v_set_log_main("kd_qm_main.lgc", "KD_QM_MAIN", &gQmLog);
-  qm_hook_QmEntry_init(0x40000);  // entry numbers 1 to 262143
+  v_set_log_main(kQmLogName, kQmModule, &gQmLog);
+  QmEntry_init(0x40000);  // entry numbers 1 to 262143
   std::srand(static_cast<unsigned>(std::time(nullptr)));
   vMainLoop(argc, argv);
 }

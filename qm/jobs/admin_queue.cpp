@@ -1,13 +1,15 @@
-// The admin triple "qu_admin": its terminating queue receives every job that
-// must end (deleted, expired, removed with its queue).
-#include "qm_admin.h"
+#include "jobs/admin_queue.h"
 
 #include <ctime>
 #include <new>
 
 #include "cm_trace.h"
-#include "kd_hal_qm.h"
-#include "qm_common.h"
+#include "jobs/exit_log.h"
+#include "jobs/launch.h"
+#include "jobs/supervision.h"
+#include "model/job.h"
+#include "model/triple.h"
+#include "protocol/globals.h"
 #include "xutil.h"
 
 QueueTriple* gAdminQueue = nullptr;

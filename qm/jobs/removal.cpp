@@ -1,14 +1,71 @@
-// Entry operations on one queue triple: removal, expiry and deletion of the
-// job with the query's entry number.
+#include "jobs/removal.h"
+
 #include <ctime>
 #include <new>
 
 #include "cm_trace.h"
-#include "kd_hal_qm.h"
-#include "qm_admin.h"
-#include "qm_common.h"
-#include "qm_job.h"
-#include "queue.h"
+#include "jobs/admin_queue.h"
+#include "jobs/exit_log.h"
+#include "jobs/restart.h"
+#include "jobs/supervision.h"
+#include "model/job.h"
+#include "model/priority_slots.h"
+#include "model/triple.h"
+#include "protocol/globals.h"
+
+void RemoveResourceQue(Queue* queue, List* list) {
+  trace("%l2 +++ RemoveResourceQue %s", queue->name.c_str());
+  for (Job* job : Elements<Job>(queue->ListOfJobs)) JobStopControl(job, queue, 1);
+  // A job that was not reaped right after its SIGKILL must not go down with
+  // its queue: the terminating queue reaps it on the next pass.
+  for (Job* job : Elements<Job>(queue->ListOfJobs)) JobToAdminQueueTerminate(job, queue);
+  DestroyPriorityList(&queue->ListOfJobLimitsByJobPriority);
+  RemNode(list, NodeOf(queue));
+  delete queue;
+  trace("%l2 --- RemoveResourceQue");
+}
+
+namespace {
+
+/// Hands every waiting job of a list to the admin queue and runs it with its
+/// pending-state exit code unless that code is 0.
+void terminate_waiting_jobs(List* jobs) {
+  for (Job* job : Elements<Job>(*jobs)) {
+    RemNode(jobs, NodeOf(job));
+    const int code = job->iPendingStateExitCode;
+    JobToAdminQueueTerminate(job, nullptr);
+    if (code != 0) {
+      RunWithPendingStateExitCode(job);
+    } else {
+      // Code 0: the job is not to run at all. It would never end in the
+      // terminating queue (it has no process), so it is removed there.
+      RemJob(job, gAdminQueue != nullptr ? &gAdminQueue->TerminatingQueue->ListOfJobs : nullptr);
+    }
+  }
+}
+
+}  // namespace
+
+void RemoveQueTriple(List* root, QueueTriple* triple) {
+  trace("%l2 +++ RemoveQueTriple %s", triple->name.c_str());
+  if (root == &Root)
+    UnlinkQueTriple(triple);
+  else
+    RemNode(root, NodeOf(triple));
+  terminate_waiting_jobs(&triple->HoldingQue);
+  terminate_waiting_jobs(&triple->PendingQue);
+  for (Queue* queue : Elements<Queue>(triple->ExecQueues)) RemoveResourceQue(queue, &triple->ExecQueues);
+  delete triple;
+  trace("%l2 --- RemoveQueTriple");
+}
+
+int QueDelQueEntry(Node* node, void* entry, void*) {
+  Queue* queue = ElementOf<Queue>(node);
+  Node* found = SearchList(&queue->ListOfJobs, EntryNumber, entry, nullptr);
+  if (found == nullptr) return 0;
+  JobStopControl(ElementOf<Job>(found), queue, 0);
+  return 1;
+}
 
 namespace {
 

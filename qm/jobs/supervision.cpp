@@ -1,86 +1,30 @@
-// Job processes: launch, supervision, stop, restart policy.
-//
-// Every job runs as a child that leads a process group of its own, so the
-// daemon signals the whole job (its grandchildren included) through the
-// negated process id and reaps only that one child, never blocking.
-#include "kd_hal_qm.h"
+#include "jobs/supervision.h"
 
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <new>
+#include <string>
 #include <string_view>
 
-#include "cm_hal_unix.h"
-#include "cm_kernel.h"
 #include "cm_trace.h"
-#include "kd_qm_daemon.h"
-#include "qm_common.h"
-#include "qm_globalresource.h"
-#include "qm_queue.h"
-#include "xutil.h"
-
-uint32_t eQMOptions = 0;
-
-time_t QmSystemNow() { return time(nullptr); }
-time_t (*gQmNow)() = QmSystemNow;
+#include "jobs/exit_log.h"
+#include "jobs/launch.h"
+#include "jobs/restart.h"
+#include "model/global_resources.h"
+#include "model/job.h"
+#include "model/priority_slots.h"
+#include "model/triple.h"
+#include "protocol/globals.h"
 
 namespace {
 
-constexpr int kForkRetries = 5;
-constexpr int kLastArgvIndex = kMaxArgvEntries - 1;  // 309
-constexpr int kMaxAnswerFinished = 2;                // MaxAnswerStep from which FINISHED is sent
-
-// Set when BuildArgv has reported an overflow with W003; cleared by the next
-// argument that fits, so one overlong command line gives one message.
-bool gbArgvOverflowReported = false;
+constexpr int kMaxAnswerFinished = 2;  // MaxAnswerStep from which FINISHED is sent
 
 /// The last path component of a path.
 std::string_view BaseName(std::string_view path) {
   const std::size_t slash = path.rfind('/');
   return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
-/// Fills argv (kMaxArgvEntries + 1 entries, all null) with the executable and
-/// the job's arguments; the entries stay valid while the job's list is unchanged.
-void FillArgv(Job* job, const char* (&argv)[kMaxArgvEntries + 1]) {
-  argv[0] = job->file_name.c_str();
-  int index = 1;
-  WalkList(&job->ListOfArguments, BuildArgv, &index, argv);
-}
-
-/// "\"%s\"" of argv[0], then one blank and each further entry, cut at
-/// kCommandLineSize - 1 characters.
-std::string FormatCommandLine(const char* const (&argv)[kMaxArgvEntries + 1]) {
-  std::string line;
-  line.reserve(256);
-  line += '"';
-  line += argv[0];
-  line += '"';
-  for (int i = 1; i < kMaxArgvEntries && argv[i] != nullptr; ++i) {
-    line += ' ';
-    line += argv[i];
-  }
-  if (line.size() > kCommandLineSize - 1) line.resize(kCommandLineSize - 1);
-  return line;
-}
-
-/// Sends the same answer with code 0 to every peer of the job.
-void NotifyPeers(Job* job, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void NotifyPeers(Job* job, const char* format, ...) {
-  if (job->ListOfPeers.Head == nullptr) return;
-  char text[1024];
-  va_list ap;
-  va_start(ap, format);
-  std::vsnprintf(text, sizeof text, format, ap);
-  va_end(ap);
-  for (Peer* peer : Elements<Peer>(job->ListOfPeers)) NotifyAndInvalidateyPeer(peer, "%s", text);
 }
 
 /// kill(2) that is not interrupted by our own signals.
@@ -134,146 +78,6 @@ void EndJob(Job* job, Queue* queue, int exit_code) {
 }
 
 }  // namespace
-
-// ---------------------------------------------------------------------------
-// Arguments
-// ---------------------------------------------------------------------------
-
-int jobAddArg_str(Job* job, const char* text) {
-  auto* arg = new (std::nothrow) Argument{};
-  if (arg == nullptr) {
-    trace("%l1 jobAddArg_str: error unable to allocate memory for argument");
-    return 1;
-  }
-  arg->argument = text != nullptr ? text : "";
-  AddTail(&job->ListOfArguments, NodeOf(arg));
-  ++job->arg_count;
-  return 0;
-}
-
-int jobAddArg_int(Job* job, int value) {
-  auto* arg = new (std::nothrow) Argument{};
-  if (arg == nullptr) {
-    trace("%l1 jobAddArg_int: error unable to allocate memory for argument");
-    return 1;
-  }
-  char text[32];
-  x_Snprintf(text, sizeof text, "%d", value);
-  arg->argument = text;
-  AddTail(&job->ListOfArguments, NodeOf(arg));
-  ++job->arg_count;
-  return 0;
-}
-
-void BuildArgv(Node* argument, void* index, void* argv) {
-  int* const i = static_cast<int*>(index);
-  auto** const v = static_cast<const char**>(argv);
-  v[*i] = ElementOf<Argument>(argument)->argument.c_str();
-  if (*i < kLastArgvIndex) {
-    ++*i;
-    gbArgvOverflowReported = false;
-    return;
-  }
-  // Entry 309 is the last one: every further argument overwrites it.
-  trace("%l1 BuildArgv: WARNING: Index reached maximal value: %d", *i);
-  if (gbArgvOverflowReported) return;
-  gbArgvOverflowReported = true;
-  char name[] = "gv_prot";
-  char value[512] = {};
-  glbv('r', name, value);
-  if (value[0] == '?') return;
-  char number[32];
-  x_Snprintf(number, sizeof number, "%d", *i);
-  FPROT(nullptr, msg_text(MSG_W003_CMD_WARNING), "QueueManager Submit: Argument index reached max value", number);
-}
-
-std::string JobCommandLine(Job* job) {
-  const char* argv[kMaxArgvEntries + 1] = {};
-  FillArgv(job, argv);
-  return FormatCommandLine(argv);
-}
-
-// ---------------------------------------------------------------------------
-// Launch
-// ---------------------------------------------------------------------------
-
-void NotifyAndInvalidateyPeer(Peer* peer, const char* format, ...) {
-  char text[1024];
-  va_list ap;
-  va_start(ap, format);
-  std::vsnprintf(text, sizeof text, format, ap);
-  va_end(ap);
-  answer(&peer->handle, KD_SUCCESS, "%s", text);
-  peer->handle.valid = false;  // answered: later notices pass it by
-}
-
-pid_t runjob(Job* job) {
-  iContext = job->EntryNumb;
-  trace("+++ runjob");
-  WriteTime(&job->StartTime);
-  NotifyPeers(job, "STATUS=SUCCESS MSG=%d\n", job->EntryNumb);
-
-  // Everything the child needs is made here: after fork it only execs.
-  const char* argv[kMaxArgvEntries + 1] = {};
-  FillArgv(job, argv);
-  if (strLocalLog.iLogLevel >= 2) trace("%l2 [CTX:%d] cmd [%s]", iContext, FormatCommandLine(argv).c_str());
-
-  // The child must not replay buffered trace or stdio lines.
-  v_set_log_all_close(pstrFirstLog != nullptr ? pstrFirstLog : &strLocalLog);
-  std::fflush(nullptr);
-
-  pid_t pid = -1;
-  for (int remaining = kForkRetries;; --remaining) {
-    pid = fork();
-    if (pid >= 0) break;
-    if (remaining == 0) {
-      trace("%l0 [CTX:%d] Fork failed after several retries. Job will not be started. Try increasing number of "
-            "supported processes 'sysctl fs.file-nr'",
-            iContext);
-      trace("--- runjob");
-      return -1;
-    }
-    trace("%l1 [CTX:%d] fork failed errno = %d. Sleep and retry. Retries remaining %d", iContext, errno,
-          remaining);
-    sleep(1);
-  }
-
-  if (pid == 0) {
-    setpgid(0, 0);
-    // One call where the kernel has it; a loop of 255 closes where not.
-    if (close_range(1, 255, 0) != 0) {
-      for (int fd = 1; fd < 256; ++fd) close(fd);
-    }
-    // Standard output and error become copies of standard input.
-    if (dup(0) < 0 || dup(0) < 0) {
-      // Nothing to report to: the job runs without output descriptors.
-    }
-    if (close_range(3, ~0U, 0) != 0) {
-      for (int fd = getdtablesize() - 1; fd >= 3; --fd) close(fd);
-    }
-    sigprocmask(SIG_UNBLOCK, &blockmaske, nullptr);
-    execv(argv[0], const_cast<char* const*>(argv));
-    const int err = errno;
-    char message[1200];
-    const int n = std::snprintf(message, sizeof message, "runjob: starting process failed %s (%d)\n",
-                                std::strerror(err), err);
-    if (n > 0) {
-      const ssize_t ignored = write(2, message, static_cast<std::size_t>(n) < sizeof message
-                                                    ? static_cast<std::size_t>(n)
-                                                    : sizeof message - 1);
-      (void)ignored;
-    }
-    _exit(127);
-  }
-
-  // The child does the same; doing it here as well means the group exists
-  // before the first signal to it, however the two are scheduled.
-  setpgid(pid, pid);
-  job->eJobState = job_running;
-  if (job->MaxAnswerStep > 0) NotifyPeers(job, "STATUS=RUNNING MSG=%ld\n", static_cast<long>(pid));
-  trace("--- runjob");
-  return pid;
-}
 
 // ---------------------------------------------------------------------------
 // Supervision
@@ -473,82 +277,4 @@ void JobStopControl(Job* job, Queue* queue, int immediate) {
   }
   trace("[CTX:%d] --- JobStopControl: process terminated with state: %d", iContext, status);
   SyncCounter(queue);
-}
-
-// ---------------------------------------------------------------------------
-// Restart policy
-// ---------------------------------------------------------------------------
-
-int32_t JobRestart(Job* job, int64_t exit_code) {
-  iContext = job->EntryNumb;
-  trace("%l2 [CTX:%d] +++ JobRestart [%s][%s]. Job exit code: %lld", iContext, job->job_name.c_str(),
-        job->file_name.c_str(), static_cast<long long>(exit_code));
-  if (exit_code == 0) {
-    trace("%l2 [CTX:%d] --- JobRestart clean exit code", iContext);
-    return 0;
-  }
-  const int count = CountList(&job->ListOfRestartTimes);
-  const time_t now = gQmNow();
-  const time_t first =
-      job->ListOfRestartTimes.Head != nullptr ? ElementOf<JobRestartTime>(job->ListOfRestartTimes.Head)->RestartTime
-                                              : now;
-  const time_t elapsed = now - first;
-
-  JobRestartCondition* cond = nullptr;
-  for (JobRestartCondition* c : Elements<JobRestartCondition>(job->ListOfJobRestartConditions)) {
-    if (c->iRestartConditionMask == exit_code) {
-      cond = c;
-      break;
-    }
-  }
-  if (cond == nullptr) {
-    trace("%l2 [CTX:%d] --- JobRestart iRet = %d", iContext, 0);
-    return 0;
-  }
-
-  if (cond->iRestartLimitIntervalSec == 0) {
-    // Without a window the burst limits the restarts of the job's life.
-    if (count + 1 > cond->iRestartLimitBurst) {
-      AppendJobRestart(job, "Job not restarted - job restarts too often (too many restarts)");
-      trace("%l2 [CTX:%d] --- JobRestart iRet = %d", iContext, 0);
-      return 0;
-    }
-  } else if (count + 1 > cond->iRestartLimitBurst && elapsed < cond->iRestartLimitIntervalSec) {
-    AppendJobRestart(job, "Job not restarted - job restarts too often (too many restarts in time window)");
-    trace("%l2 [CTX:%d] --- JobRestart iRet = %d", iContext, 0);
-    return 0;
-  }
-  // The window slides from the oldest remembered restart; an elapsed time
-  // equal to the interval neither refuses nor drops.
-  if (cond->iRestartLimitIntervalSec > 0 && elapsed > cond->iRestartLimitIntervalSec) {
-    if (Node* oldest = RemHead(&job->ListOfRestartTimes)) delete ElementOf<JobRestartTime>(oldest);
-  }
-
-  trace("%l1 [CTX:%d] Restarting job [%s]. Restarts executed %d limit %d. Time since first restart: %d(s)", iContext,
-        job->job_name.c_str(), count, cond->iRestartLimitBurst, static_cast<int>(elapsed));
-  AppendJobRestart(job, "Job restart");
-  const pid_t pid = runjob(job);
-  job->PID = pid;
-  if (auto* t = new (std::nothrow) JobRestartTime{}) {
-    t->RestartTime = now;
-    AddTail(&job->ListOfRestartTimes, NodeOf(t));
-  }
-  trace("%l2 [CTX:%d] --- JobRestart iRet = %d", iContext, static_cast<int>(pid));
-  return pid;
-}
-
-void SetPendingStateExitCode(Node* job, void* text, void*) {
-  ElementOf<Job>(job)->iPendingStateExitCode = std::atoi(static_cast<const char*>(text));
-}
-
-void RunWithPendingStateExitCode(Job* job) {
-  iContext = job->EntryNumb;
-  trace("[CTX:%d] +++ RunWithPendingStateExitCode: %d", iContext, job->iPendingStateExitCode);
-  if (job->iPendingStateExitCode != 0) {
-    if (jobAddArg_str(job, "-d") == 0) jobAddArg_int(job, job->iPendingStateExitCode);
-    // No custom kill program for a run that only reports.
-    job->stopJobExecutable.clear();
-    job->PID = runjob(job);
-  }
-  trace("[CTX:%d] --- RunWithPendingStateExitCode", iContext);
 }

@@ -1,13 +1,13 @@
-// Deferred checks of the task processor.
-#include "qm_task.h"
+#include "jobs/tasks.h"
 
 #include <cstring>
 
 #include "cm_common.h"
 #include "cm_trace.h"
-#include "qm_common.h"
-#include "qm_job.h"
-#include "qm_task_processor.h"
+#include "model/list.h"
+#include "model/records.h"
+#include "model/triple.h"
+#include "protocol/answer.h"
 
 qm_task::~qm_task() = default;
 void qm_task::execute() {}
@@ -54,4 +54,30 @@ void WaitJobToTerminate::execute() {
 void add_WaitJobToTerminate_task(int32_t pid, int32_t entry, const HPEER* peer, int32_t timeout) {
   trace("%l2 add_WaitJobToTerminate_task PID: %d entryNo: %d timeout: %d", pid, entry, timeout);
   QmTaskProcessor().add(boost::shared_ptr<qm_task>(new WaitJobToTerminate(pid, entry, *peer, timeout)));
+}
+
+void qm_task_processor::add(const boost::shared_ptr<qm_task>& task) { m_tasks.push_back(task); }
+
+void qm_task_processor::process() {
+  for (auto it = m_tasks.begin(); it != m_tasks.end();) {
+    if ((*it)->expired()) {
+      it = m_tasks.erase(it);  // the last shared pointer frees the task
+      continue;
+    }
+    (*it)->execute();
+    ++it;
+  }
+}
+
+qm_task_processor& QmTaskProcessor() {
+  // Allocated once and kept: a global with a destructor would run in every
+  // process that calls exit, answer writers included.
+  static qm_task_processor* const processor = new qm_task_processor;
+  return *processor;
+}
+
+void process_qm_tasks() {
+  trace("%l2 +++ process_qm_tasks");
+  QmTaskProcessor().process();
+  trace("%l2 --- process_qm_tasks");
 }

@@ -1,12 +1,14 @@
-// Deferred checks run by the task processor once per loop cycle.
+// Deferred checks and the task processor that runs them once per main-loop
+// cycle, in order of addition, until each expires.
 #pragma once
 
 #include <cstdint>
 #include <ctime>
+#include <list>
 
 #include <boost/shared_ptr.hpp>
 
-#include "qm_lib.h"
+#include "protocol/request.h"
 
 /// A check that the task processor runs on every pass until it expires.
 class qm_task {
@@ -46,3 +48,22 @@ class WaitJobToTerminate : public qm_task {
 
 /// Adds a WaitJobToTerminate task for the job to the daemon-wide processor.
 void add_WaitJobToTerminate_task(int32_t pid, int32_t entry, const HPEER* peer, int32_t timeout);
+
+/// The list of pending tasks and its pass.
+class qm_task_processor {
+ public:
+  /// Appends a task; it runs from the next pass on.
+  void add(const boost::shared_ptr<qm_task>& task);
+  /// Walks the tasks from the front: an expired task is erased, any other
+  /// executed. A task that expires while it executes is erased next pass.
+  void process();
+
+  std::list<boost::shared_ptr<qm_task>> m_tasks;  ///< in order of addition
+};
+
+/// The daemon-wide processor (never destroyed: forked answer writers exit
+/// without tearing it down).
+qm_task_processor& QmTaskProcessor();
+
+/// Runs the daemon-wide processor's pass (once per loop cycle).
+void process_qm_tasks();

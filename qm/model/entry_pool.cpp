@@ -9,7 +9,7 @@
 // number says whether it waits among the released ones, so that the
 // no-duplicate check costs the same with a full pool as with an empty one,
 // and an idle daemon does not hold a megabyte of numbers it has never used.
-#include "qm_entry.h"
+#include "model/entry_pool.h"
 
 #include <algorithm>
 #include <deque>

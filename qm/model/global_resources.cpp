@@ -1,13 +1,8 @@
-// Global resources: named, counted capacities shared by every queue. A job
-// that names some starts only while each has a free unit and holds one unit
-// of each while it runs.
-#include "qm_globalresource.h"
-
-#include <cstdio>
-#include <string>
+#include "model/global_resources.h"
 
 #include "cm_trace.h"
-#include "qm_job.h"
+#include "model/triple.h"
+#include "protocol/globals.h"
 
 void UpdateOrCreateGlobalResource(std::string_view name, int slots) {
   GlobalResource* resource = FindGlobalResource(name, &gGlobalResources);
@@ -103,47 +98,5 @@ void CheckUnregisteredGlobalResources() {
     trace("%l2 remove global resource %s", resource->name.c_str());
     RemNode(&gGlobalResources, NodeOf(resource));
     delete resource;
-  }
-}
-
-void ViewGlobalResource(GlobalResource* resource, std::string* text) {
-  char line[1024];
-  std::snprintf(line, sizeof line, "%s\t%d\t%d\t%d\n", resource->name.c_str(), resource->slots, resource->allocated,
-                resource->registered);
-  text->append(line);
-}
-
-namespace {
-
-bool any_exec_job(const QueueTriple* triple) {
-  for (const Queue* queue : Elements<Queue>(triple->ExecQueues))
-    if (queue->ListOfJobs.Head != nullptr) return true;
-  return false;
-}
-
-void print_jobs_usage(const List& jobs, List* resources, std::string* text) {
-  for (const Job* job : Elements<Job>(jobs)) ViewJobGlobalResourceUsage(job, true, resources, text);
-}
-
-}  // namespace
-
-void PrintJobsGlobalResourcesUsage(List* triples, List* resources, std::string* text) {
-  for (const QueueTriple* triple : Elements<QueueTriple>(*triples)) {
-    text->append("queue: ").append(triple->name.view()).append("\n");
-    if (any_exec_job(triple)) {
-      text->append("[exec]\n");
-      for (const Queue* queue : Elements<Queue>(triple->ExecQueues)) print_jobs_usage(queue->ListOfJobs, resources, text);
-      text->append("\n");
-    }
-    if (triple->HoldingQue.Head != nullptr) {
-      text->append("[holding]\n");
-      print_jobs_usage(triple->HoldingQue, resources, text);
-      text->append("\n");
-    }
-    if (triple->PendingQue.Head != nullptr) {
-      text->append("[pending]\n");
-      print_jobs_usage(triple->PendingQue, resources, text);
-      text->append("\n");
-    }
   }
 }

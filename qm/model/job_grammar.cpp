@@ -1,7 +1,7 @@
-// The job record's life: the submission grammar (options, quoting, the "--"
-// follow-up delimiter), the legacy positional grammar, job creation and
-// destruction, the job_set request and the time texts of the options.
-#include "qm_job.h"
+// Options, quoting and the "--" follow-up delimiter of the submission
+// grammar; the legacy positional grammar; job creation; the time texts of
+// the options.
+#include "model/job_grammar.h"
 
 #include <algorithm>
 #include <array>
@@ -16,14 +16,11 @@
 
 #include "cm_common.h"
 #include "cm_trace.h"
-#include "kd_hal_qm.h"
-#include "kd_qm_daemon.h"
-#include "qm_common.h"
-#include "qm_entry.h"
-#include "qm_globalresource.h"
+#include "model/elements.h"
+#include "model/global_resources.h"
+#include "model/job.h"
+#include "protocol/globals.h"
 #include "strlib.h"
-
-int iContext = 0;
 
 namespace {
 
@@ -80,7 +77,7 @@ void MoveList(List* to, List* from) {
   from->Head = from->Tail = nullptr;
 }
 
-/// Step 1 of both grammars: the empty job of a submission.
+/// The empty job of a submission, as both grammars begin it.
 Job* NewJob(const Query* q, char* error, std::size_t error_size) {
   auto* job = new (std::nothrow) Job{};
   if (job == nullptr) {
@@ -193,23 +190,6 @@ bool AddArgument(List* list, std::string_view text) {
 // ---------------------------------------------------------------------------
 // Time texts
 // ---------------------------------------------------------------------------
-
-void WriteTime(QMTime* t) {
-  struct tm now {};
-  NowTm(&now);
-  *t = tm_time_to_Time(now);
-}
-
-QMTime tm_time_to_Time(const struct tm& tm) {
-  QMTime t;
-  t.year = tm.tm_year + 1900;
-  t.month = tm.tm_mon + 1;
-  t.day = tm.tm_mday;
-  t.hour = tm.tm_hour;
-  t.min = tm.tm_min;
-  t.sec = tm.tm_sec;
-  return t;
-}
 
 const char* strtotime(const char* text, struct tm* tm, const char* const* formats) {
   if (text == nullptr || tm == nullptr) return nullptr;
@@ -415,7 +395,7 @@ int ParseArgs(Query* q, const char* optstring, JobArgs* args, char* error, std::
 }
 
 // ---------------------------------------------------------------------------
-// Creation and destruction
+// Creation
 // ---------------------------------------------------------------------------
 
 namespace {
@@ -630,50 +610,9 @@ Job* CreateJobOld(Query* q, Job* previous, char* error, std::size_t error_size) 
   return FinishJob(q, job, follow, CreateJobOld, "CreateJobOld", error, error_size);
 }
 
-PreferredResourceType SpecifyJobResource(Job* job) {
-  List& list = job->s_preferredResource.l_preferredResources;
-  PreferredResourceType type = e_prt_set;
-  if (list.Head == nullptr) {
-    type = e_prt_arbitrary;
-  } else if (list.Head->Next == nullptr) {
-    const std::string& name = ElementOf<Resource>(list.Head)->cpResource;
-    if (name.empty() || name == "*")
-      type = e_prt_arbitrary;
-    else if (name == "all")
-      type = e_prt_all;
-  }
-  job->s_preferredResource.i_resourceType = type;
-  return type;
-}
-
-void DestroyJob(Job* job) {
-  if (job == nullptr) return;
-  if (job->bGLORESAllocated) job_release_global_resources(job, &gGlobalResources);
-  RemoveList(&job->ListOfPeers);
-  RemoveList(&job->ListOfGlobalResourceNames);
-  RemoveList(&job->ListOfArguments);
-  RemoveList(&job->ListOfJobRestartConditions);
-  RemoveList(&job->ListOfRestartTimes);
-  FreeResourceList(&job->s_preferredResource.l_preferredResources);
-  RemoveList(&job->s_preferredResource.l_preferredResources);
-  delete job->pTermReason;
-  delete job->pFullCommand;
-  delete job->pRestarts;
-  if (job->EntryNumb > 0) QmEntry_release(job->EntryNumb);
-  // The follow-up job is its owner's to free.
-  delete job;
-}
-
 // ---------------------------------------------------------------------------
-// Look-up and job_set
+// job_set
 // ---------------------------------------------------------------------------
-
-Job* FindJobByEntryNumber(QueueTriple* triple, int32_t entry) {
-  Node* node = SearchList(&triple->HoldingQue, EntryNumber, IntArg(entry), nullptr);
-  if (node == nullptr) node = SearchList(&triple->PendingQue, EntryNumber, IntArg(entry), nullptr);
-  if (node == nullptr) node = SearchQueList(&triple->ExecQueues, EntryNumber, IntArg(entry), nullptr);
-  return node != nullptr ? ElementOf<Job>(node) : nullptr;
-}
 
 int JobModify(Query* q, Job* job, char* error, std::size_t error_size) {
   JobArgs args;
@@ -691,34 +630,4 @@ int JobModify(Query* q, Job* job, char* error, std::size_t error_size) {
   MoveList(&job->ListOfJobRestartConditions, &args.ListOfJobRestartConditions);
   FreeJobArgs(&args);
   return 0;
-}
-
-int process_job_set(Query* q) {
-  const int entry = std::atoi(q->que_name);
-  Job* job = nullptr;
-  for (QueueTriple* triple : Elements<QueueTriple>(Root)) {
-    job = FindJobByEntryNumber(triple, entry);
-    if (job != nullptr) break;
-  }
-  if (job == nullptr) {
-    answer(&q->peer, KD_WARNING, "STATUS=WARNING MSG=No such entry %d\n", entry);
-    return 1;
-  }
-  iContext = job->EntryNumb;
-  char error[1024] = {};
-  if (JobModify(q, job, error, sizeof(error)) != 0) {
-    answer(&q->peer, KD_ERROR, "STATUS=ERROR MSG=%s\n", error);
-    return 1;
-  }
-  answer(&q->peer, KD_SUCCESS, "STATUS=SUCCESS MSG=%d", entry);
-  return 0;
-}
-
-void DestroyJobChain(Job* job) {
-  while (job != nullptr) {
-    Job* next = job->pFollowUpJob;
-    job->pFollowUpJob = nullptr;
-    DestroyJob(job);
-    job = next;
-  }
 }

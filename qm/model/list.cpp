@@ -1,17 +1,10 @@
-// The intrusive list operations shared by every collection of the daemon.
-//
 // The link updates below are exact on purpose: they decide which misuse is
 // tolerated (AddHead never touches Tail, PostInsert never checks for a
 // successor). Callers rely on that; do not "repair" them.
-#include "queue.h"
-
-#include <new>
+#include "model/list.h"
 
 #include "cm_common.h"
 #include "cm_trace.h"
-#include "qm_globalresource.h"
-#include "qm_job.h"
-#include "qm_queue.h"
 
 void InitList(List* list, ListOf type) {
   trace("%l3 queue Kelda GitID: %s", kd_build_id());
@@ -118,66 +111,6 @@ Node* RemNode(List* list, Node* node) {
   return node;
 }
 
-void DeleteElement(ListOf type, Node* node) {
-  if (node == nullptr) return;
-  switch (type) {
-    case QueueTriples: delete ElementOf<QueueTriple>(node); break;
-    case Queues: delete ElementOf<Queue>(node); break;
-    case Pointer2Queues: delete ElementOf<Pointer_to_Queues>(node); break;
-    case Jobs: delete ElementOf<Job>(node); break;
-    case Arguments: delete ElementOf<Argument>(node); break;
-    case Counters: delete ElementOf<Counter>(node); break;
-    case Peers: delete ElementOf<Peer>(node); break;
-    case GlobalResources: delete ElementOf<GlobalResource>(node); break;
-    case GlobalResourceNames: delete ElementOf<GlobalResourceName>(node); break;
-    case RestartTimes: delete ElementOf<JobRestartTime>(node); break;
-    case RestartConditions: delete ElementOf<JobRestartCondition>(node); break;
-    case JobArgs_GlobalResources: delete ElementOf<JATuple>(node); break;
-    case JobLimitsByJobPriority: delete ElementOf<PrioritySlot>(node); break;
-    case JobLimitsByJobPriority_SlotJobs: delete ElementOf<PrioritySlotJob>(node); break;
-    case JobPreferredResources: delete ElementOf<Resource>(node); break;
-  }
-}
-
-void RemoveList(List* list) {
-  trace("%l2 +++ RemoveList");
-  while (Node* n = RemHead(list)) DeleteElement(list->ElementType, n);
-  trace("%l2 --- RemoveList");
-}
-
-int AddList(List* out, const List* in) {
-  if (out == nullptr) {
-    trace("%l1 AddList: ERROR: pOutList is NULL");
-    return 0;
-  }
-  if (in != nullptr && in->ElementType != out->ElementType) {
-    trace("%l1 AddList: ERROR: Incompatible Element Types");
-    return 0;
-  }
-  if (in == nullptr || in->Head == nullptr) {
-    trace("%l1 AddList: pNode is NULL");
-    return 0;
-  }
-  int count = 0;
-  for (Node* n = in->Head; n != nullptr; n = n->Next) {
-    // Copying is done for arguments only; every other kind is refused node by node.
-    if (in->ElementType != Arguments) {
-      trace("%l1 AddList: ERROR: Element type %s not yet implemented!", ListOfName(in->ElementType));
-      continue;
-    }
-    auto* copy = new (std::nothrow) Argument{};
-    if (copy == nullptr) {
-      trace("%l1 AddList: malloc() failed: return [%d]", count);
-      return count;
-    }
-    copy->argument = ElementOf<Argument>(n)->argument.view();
-    AddTail(out, NodeOf(copy));
-    ++count;
-  }
-  trace("%l2 AddList: return [%d]", count);
-  return count;
-}
-
 Node* SearchList(List* list, IntFnPtr3 fn, void* a1, void* a2) {
   int checked = 0;
   Node* next = nullptr;
@@ -206,18 +139,6 @@ Node* SearchList2(List* list, IntFnPtr4 fn, void* a1, void* a2, void* a3) {
   }
   trace("%l2 SearchList: %d %s checked", checked, ListOfName(list->ElementType));
   return nullptr;
-}
-
-Node* SearchQueList(List* queues, IntFnPtr3 fn, void* a1, void* a2) {
-  trace("%l2 +++ SearchQueList");
-  Node* found = nullptr;
-  for (Queue* q : Elements<Queue>(*queues)) {
-    trace("%l2 call SearchList %s", q->name.c_str());
-    found = SearchList(&q->ListOfJobs, fn, a1, a2);
-    if (found != nullptr) break;
-  }
-  trace("%l2 --- SearchQueList");
-  return found;
 }
 
 int iWalkList(List* list, IntFnPtr2 fn, void* arg) {

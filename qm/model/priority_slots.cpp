@@ -1,6 +1,6 @@
 // Priority slots: per-level extra start places of a resource queue, and the
 // "-p" options of the job-limit request that define them.
-#include "qm_queue.h"
+#include "model/priority_slots.h"
 
 #include <pcreposix.h>
 
@@ -12,7 +12,8 @@
 
 #include "cm_common.h"
 #include "cm_trace.h"
-#include "qm_common.h"
+#include "model/elements.h"
+#include "protocol/answer.h"
 #include "strlib.h"
 
 namespace {

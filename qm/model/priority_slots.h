@@ -1,38 +1,30 @@
 // Priority slots: extra start places per job-priority level on a resource
-// queue whose job limit is used up.
+// queue whose job limit is used up. A slot list holds levels sorted by
+// ascending Priority; a job may use the level with the largest Priority not
+// above its own.
 #pragma once
 
 #include <string>
 
-#include "queue.h"
+#include "model/list.h"
+#include "model/records.h"
+#include "protocol/request.h"
 
-/// One level of a slot list, sorted by ascending Priority.
-struct PrioritySlot {
-  Node n;
-  int Priority = 0;        ///< lowest job priority that may use this level
-  int SlotsAllocated = 0;  ///< slots of this level in use
-  int SlotsAvailable = 0;  ///< slots of this level
-  List lJobEntryNumber{nullptr, nullptr, JobLimitsByJobPriority_SlotJobs};  ///< holders
-};
-
-/// A job holding a slot of a level.
-struct PrioritySlotJob {
-  Node n;
-  int EntryNumber = 0;
-};
-
-template <> struct ElementKind<PrioritySlot> { static constexpr ListOf value = JobLimitsByJobPriority; };
-template <> struct ElementKind<PrioritySlotJob> {
-  static constexpr ListOf value = JobLimitsByJobPriority_SlotJobs;
-};
-
+/// 1 when the level that a job of this priority may use has a free slot.
 int HavePrioritySlotAvailable(List* slots, int priority);
+/// 1 when any level has a free slot.
 int HaveAnyPrioritySlotAvailable(List* slots);
+/// Takes a slot of the job's level for the entry number; 1 taken, 0 none free.
 int AllocatePrioritySlot(List* slots, int priority, int entry_number);
+/// Gives back the slot the entry number holds on the job's level; 1 when
+/// one was held and given back, else 0.
 int ReleasePrioritySlot(List* slots, int priority, int entry_number);
 /// Copies every level (counts, no holders) into to, sorted.
 void CopyPriorityList(const List* from, List* to);
+/// Makes current's levels those of update: levels update lacks are freed,
+/// existing ones keep their holders and take the new size, new ones are added.
 void UpdatePriorityList(List* current, const List* update);
+/// Frees every level with its holders.
 void DestroyPriorityList(List* slots);
 /// Inserts a new level sorted (behind levels of equal priority).
 PrioritySlot* InsertPrioritySlot(List* slots, int priority, int available);

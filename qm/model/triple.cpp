@@ -1,6 +1,8 @@
-// Queue triples, resource queues and counters: construction, removal,
+// Queue triples, resource queues and counters: construction,
 // resource specifications, mode keywords, match predicates and the small
 // per-queue operations that the request handlers and the scheduler walk.
+#include "model/triple.h"
+
 #include <strings.h>
 
 #include <cstring>
@@ -10,11 +12,9 @@
 #include <unordered_map>
 
 #include "cm_trace.h"
-#include "kd_hal_qm.h"
-#include "qm_admin.h"
-#include "qm_job.h"
-#include "qm_queue.h"
-#include "queue.h"
+#include "model/priority_slots.h"
+#include "protocol/globals.h"
+#include "protocol/request.h"
 
 List Root{nullptr, nullptr, QueueTriples};
 List gCounters{nullptr, nullptr, Counters};
@@ -88,7 +88,7 @@ const char* szQueState(int state) {
 // Construction and removal
 // ---------------------------------------------------------------------------
 
-Queue* CreateResourceQue(QueueTriple* triple, std::string_view spec, Counter* counter,
+Queue* CreateResourceQue(QueueTriple* triple, std::string_view resource_text, Counter* counter,
                          const QueueJobLimits* limits) {
   trace("%l2 +++ CreateResourceQue");
   auto* queue = new (std::nothrow) Queue{};
@@ -97,7 +97,7 @@ Queue* CreateResourceQue(QueueTriple* triple, std::string_view spec, Counter* co
     return nullptr;
   }
   std::string share, name, server;
-  getResourceNames(spec, &share, &name, &server);
+  getResourceNames(resource_text, &share, &name, &server);
   queue->name = name;
   queue->share = share;
   queue->server = server;
@@ -180,65 +180,19 @@ void UnlinkQueTriple(QueueTriple* triple) {
   if (it != gTriplesByName.end() && it->second == triple) gTriplesByName.erase(it);
 }
 
-void RemoveResourceQue(Queue* queue, List* list) {
-  trace("%l2 +++ RemoveResourceQue %s", queue->name.c_str());
-  for (Job* job : Elements<Job>(queue->ListOfJobs)) JobStopControl(job, queue, 1);
-  // A job that was not reaped right after its SIGKILL must not go down with
-  // its queue: the terminating queue reaps it on the next pass.
-  for (Job* job : Elements<Job>(queue->ListOfJobs)) JobToAdminQueueTerminate(job, queue);
-  DestroyPriorityList(&queue->ListOfJobLimitsByJobPriority);
-  RemNode(list, NodeOf(queue));
-  delete queue;
-  trace("%l2 --- RemoveResourceQue");
-}
-
-namespace {
-
-/// Hands every waiting job of a list to the admin queue and runs it with its
-/// pending-state exit code unless that code is 0.
-void terminate_waiting_jobs(List* jobs) {
-  for (Job* job : Elements<Job>(*jobs)) {
-    RemNode(jobs, NodeOf(job));
-    const int code = job->iPendingStateExitCode;
-    JobToAdminQueueTerminate(job, nullptr);
-    if (code != 0) {
-      RunWithPendingStateExitCode(job);
-    } else {
-      // Code 0: the job is not to run at all. It would never end in the
-      // terminating queue (it has no process), so it is removed there.
-      RemJob(job, gAdminQueue != nullptr ? &gAdminQueue->TerminatingQueue->ListOfJobs : nullptr);
-    }
-  }
-}
-
-}  // namespace
-
-void RemoveQueTriple(List* root, QueueTriple* triple) {
-  trace("%l2 +++ RemoveQueTriple %s", triple->name.c_str());
-  if (root == &Root)
-    UnlinkQueTriple(triple);
-  else
-    RemNode(root, NodeOf(triple));
-  terminate_waiting_jobs(&triple->HoldingQue);
-  terminate_waiting_jobs(&triple->PendingQue);
-  for (Queue* queue : Elements<Queue>(triple->ExecQueues)) RemoveResourceQue(queue, &triple->ExecQueues);
-  delete triple;
-  trace("%l2 --- RemoveQueTriple");
-}
-
 // ---------------------------------------------------------------------------
 // Resource specifications
 // ---------------------------------------------------------------------------
 
-int getResourceNames(std::string_view spec, std::string* share, std::string* resource,
+int getResourceNames(std::string_view resource_text, std::string* share, std::string* resource,
                      std::string* server) {
-  std::string_view part = spec;
+  std::string_view part = resource_text;
   server->clear();
-  const std::size_t at = spec.find('@');
+  const std::size_t at = resource_text.find('@');
   if (at != std::string_view::npos) {
-    part = spec.substr(0, at);
+    part = resource_text.substr(0, at);
     // The "@" stays with the server: every comparison of servers includes it.
-    server->assign(spec.substr(at));
+    server->assign(resource_text.substr(at));
   }
   const std::size_t us = part.rfind('_');
   if (us != std::string_view::npos) {
@@ -316,8 +270,6 @@ int getResourceList(QueueTriple* triple, std::string_view request, std::string* 
   return 1;
 }
 
-void FreeResourceList(List* list) { RemoveList(list); }
-
 // ---------------------------------------------------------------------------
 // Look-ups and match predicates
 // ---------------------------------------------------------------------------
@@ -338,6 +290,18 @@ Counter* FindCounter(std::string_view name) {
   std::string n(name);
   Node* node = SearchList(&gCounters, CheckCounter, n.data(), nullptr);
   return node != nullptr ? ElementOf<Counter>(node) : nullptr;
+}
+
+Node* SearchQueList(List* queues, IntFnPtr3 fn, void* a1, void* a2) {
+  trace("%l2 +++ SearchQueList");
+  Node* found = nullptr;
+  for (Queue* q : Elements<Queue>(*queues)) {
+    trace("%l2 call SearchList %s", q->name.c_str());
+    found = SearchList(&q->ListOfJobs, fn, a1, a2);
+    if (found != nullptr) break;
+  }
+  trace("%l2 --- SearchQueList");
+  return found;
 }
 
 namespace {
@@ -367,21 +331,6 @@ int EntryNumber(Node* node, void* entry, void*) { return ElementOf<Job>(node)->E
 
 int QueCheckQueEntry(Node* node, void* entry, void*) {
   return SearchList(&ElementOf<Queue>(node)->ListOfJobs, EntryNumber, entry, nullptr) != nullptr ? 1 : 0;
-}
-
-int QueDelQueEntry(Node* node, void* entry, void*) {
-  Queue* queue = ElementOf<Queue>(node);
-  Node* found = SearchList(&queue->ListOfJobs, EntryNumber, entry, nullptr);
-  if (found == nullptr) return 0;
-  JobStopControl(ElementOf<Job>(found), queue, 0);
-  return 1;
-}
-
-int QueCheckJobExpired(Node* node, void* time, void*) {
-  const time_t now = *static_cast<time_t*>(time);
-  for (Job* job : Elements<Job>(ElementOf<Queue>(node)->ListOfJobs))
-    if (JobTimeExpired(job, now) != 0) return 1;
-  return 0;
 }
 
 int Priority(Node* node, void* priority, void*) {

@@ -7,12 +7,10 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <cstdio>
+#include <string>
 
-#include "qm_lib.h"
-
-struct QueueTriple;
+#include "protocol/request.h"
 
 /// Opens the answer pipe of the requester pid ("from_qm_pipe<pid>" below
 /// gszQmDir + "com/"; pid 0 means the pipe of the request being served)
@@ -40,46 +38,11 @@ int pipe_printf(FILE* stream, const char* format, ...) __attribute__((format(pri
 pid_t answer(const HPEER* peer, int status, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
-/// Multi-part answer written by the calling process itself. The first call
-/// (iStatusFlag 0) opens the pipe and writes the status digit; every call
-/// writes the text (if given) and the view of the triple (if given) that the
-/// selector names; a call with iStatusFlag 2 writes the text plus a line feed
-/// and closes the answer.
-void answer_wildcard(HPEER* peer, int status, const char* text, QueueTriple* triple,
-                     char selector);
-
 /// Path of the answer pipe of a requester: "%scom%sfrom_qm_pipe%ld" of
 /// gszQmDir, "/" and the pid.
 void BuildAnswerPipePath(long pid, char (&path)[1024]);
 
-// ---------------------------------------------------------------------------
-// Job exit log: one plain-text file per business day, "%s/kd_qm_exit_%s.log"
-// in gv_rw_lgc, with a line per created job and per recorded end or restart.
-// Switched together with the trace log: nothing is written at trace level 0.
-// ---------------------------------------------------------------------------
-
-struct Job;
-
-/// The current exit-log path; empty when gv_rw_lgc is not configured.
-extern char gszKdQmExitLog[1024];
-
-/// Sets the exit-log path for the day tag from gv_rw_lgc of "[Pathes]"; a
-/// missing directory is reported (E003, standard error) and leaves it empty.
-void SetKdQmExitLog(const char* day_tag);
-
-/// Appends "%Y-%m-%d %H:%M:%S", a blank and the text as one line.
-void AppendKdQmExitLog(const char* text);
-
-/// The creation record "CTX:%d;name:%s;submit:%s;start:%s;command: %s".
-void JobCreatedKdQmExitLog(Job* job);
-
-/// Writes the accumulated termination reasons and restart notes of the job
-/// (a record each) and frees them.
-void FlushJobKdQmExitLog(Job* job);
-
-/// Adds a termination reason (a blank between reasons) and flushes.
-void AppendJobTerminationReason(Job* job, const char* reason);
-/// Adds a restart note (a blank between notes) and flushes.
-void AppendJobRestart(Job* job, const char* note);
-/// Adds the reason followed by " [exit code: %lld]" and flushes.
-void AppendJobTerminationReasonExitStatus(Job* job, const char* reason, int64_t exit_code);
+/// Answers a whole text of any length with the given status: the text is
+/// handed to answer as its format with every "%" doubled, so that it is
+/// neither cut nor read as conversions.
+void answer_text(Query* q, int status, const std::string& text);

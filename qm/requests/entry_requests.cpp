@@ -1,18 +1,32 @@
-// queue_del_entry: deleting one job, waiting or running.
+#include "requests/entry_requests.h"
+
+#include <signal.h>
+
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "cm_common.h"
 #include "cm_split.h"
 #include "cm_trace.h"
-#include "kd_qm_hooks.h"
-#include "qm_admin.h"
-#include "qm_common.h"
-#include "qm_entry_requests.h"
-#include "qm_task.h"
+#include "jobs/removal.h"
+#include "jobs/tasks.h"
+#include "model/job.h"
+#include "model/job_grammar.h"
+#include "model/list.h"
+#include "model/priority_slots.h"
+#include "model/triple.h"
+#include "protocol/answer.h"
+#include "protocol/globals.h"
+#include "sched/pass.h"
 #include "strlib.h"
 #include "xutil.h"
+
+// ---------------------------------------------------------------------------
+// Words and look-up shared by the entry requests
+// ---------------------------------------------------------------------------
 
 std::vector<std::string> EntryRequestWords(const Query* q) {
   std::vector<std::string> words;
@@ -44,6 +58,10 @@ Job* FindEntryJob(int32_t entry, QueueTriple** triple) {
   *triple = nullptr;
   return nullptr;
 }
+
+// ---------------------------------------------------------------------------
+// queue_del_entry
+// ---------------------------------------------------------------------------
 
 int _que_del_entry_ParseArgs(Query* q, Job* job, char* error, std::size_t error_size) {
   trace("%l2 +++ _que_del_entry_ParseArgs [%s]", q->szCmdArgs);
@@ -171,7 +189,7 @@ int process_que_del_entry(Query* q) {
 
   if (timeout >= 0) {
     QueJobMaxCompleteTimestamp(triple, q);
-    qm_hook_ProcessAllQueTriples();
+    ProcessAllQueTriples();
     QueueTriple* still_in = nullptr;
     if (Job* again = FindEntryJob(entry, &still_in); again != nullptr) {
       add_WaitJobToTerminate_task(static_cast<int32_t>(again->PID), entry, &q->peer, timeout);
@@ -186,5 +204,181 @@ int process_que_del_entry(Query* q) {
   answer(&q->peer, KD_SUCCESS, "STATUS=SUCCESS MSG=Job will be terminated and deleted in a timeout %d seconds\n",
          q->Timeout);
   trace("%l2 --- process_que_del_entry");
+  return 0;
+}
+
+// ---------------------------------------------------------------------------
+// queue_move_entry
+// ---------------------------------------------------------------------------
+
+namespace {
+
+/// The executing queue of the triple whose job list holds the job, or null.
+Queue* ExecutingQueueOf(QueueTriple* triple, Job* job) {
+  for (Queue* queue : Elements<Queue>(triple->ExecQueues))
+    for (Job* j : Elements<Job>(queue->ListOfJobs))
+      if (j == job) return queue;
+  return nullptr;
+}
+
+bool Holds(List* list, Job* job) {
+  for (Job* j : Elements<Job>(*list))
+    if (j == job) return true;
+  return false;
+}
+
+}  // namespace
+
+int process_que_move_entry(Query* q) {
+  trace("%l2 +++ process_que_move_entry");
+  q->EntryNumb = std::atoi(q->que_name);
+  const int entry = q->EntryNumb;
+  QueueTriple* source = nullptr;
+  Job* job = FindEntryJob(entry, &source);
+  // A job being terminated stays where it is.
+  if (job == nullptr || source->queType == 1) {
+    answer(&q->peer, KD_WARNING, "STATUS=WARNING MSG=No such entry %d\n", entry);
+    trace("%l2 --- process_que_move_entry: no such entry %d", entry);
+    return 1;
+  }
+  iContext = entry;
+  trace("%l2 [CTX:%d] Located entry no %d on queue triple [%s]", iContext, entry, source->name.c_str());
+
+  const std::vector<std::string> words = EntryRequestWords(q);
+  if (words.size() < 2 || words[1].empty()) {
+    // Deliberately without the status prefix.
+    answer(&q->peer, KD_WARNING, "Wrong arguments\n");
+    return 1;
+  }
+  std::string queue_name = words[1];
+  std::string resource;
+  bool resource_given = false;
+  if (const std::size_t slash = queue_name.find('/'); slash != std::string::npos) {
+    resource = queue_name.substr(slash + 1);
+    queue_name.resize(slash);
+    resource_given = true;
+  }
+  QueueTriple* target = FindQueTriple(queue_name);
+  if (target == nullptr) {
+    answer(&q->peer, KD_WARNING, "STATUS=WARNING MSG=A queue with name [%s] does not exist\n", queue_name.c_str());
+    return 1;
+  }
+
+  if (Holds(&source->HoldingQue, job)) {
+    RemNode(&source->HoldingQue, NodeOf(job));
+    AddTail(&target->HoldingQue, NodeOf(job));
+    answer(&q->peer, KD_SUCCESS, "STATUS=SUCCESS MSG=Job %d moved to holding sub queue of queue %s\n", entry,
+           target->name.c_str());
+    trace("%l2 --- process_que_move_entry: holding");
+    return 0;
+  }
+  if (Holds(&source->PendingQue, job)) {
+    RemNode(&source->PendingQue, NodeOf(job));
+    AddTail(&target->PendingQue, NodeOf(job));
+    answer(&q->peer, KD_SUCCESS, "STATUS=SUCCESS MSG=Job %d moved to pending sub queue of queue %s\n", entry,
+           target->name.c_str());
+    trace("%l2 --- process_que_move_entry: pending");
+    return 0;
+  }
+
+  Queue* from = ExecutingQueueOf(source, job);
+  Queue* to = resource_given
+                  ? FindResourceQue(target, resource)
+                  : (target->ExecQueues.Head != nullptr ? ElementOf<Queue>(target->ExecQueues.Head) : nullptr);
+  if (from == nullptr || to == nullptr) {
+    answer(&q->peer, KD_ERROR, "STATUS=ERROR MSG=Target resource queue %s does not exist\n", resource.c_str());
+    return 1;
+  }
+  if (to->current_job_limit < 1) {
+    answer(&q->peer, KD_ERROR, "STATUS=ERROR MSG=Target resource queue %s is full\n", to->name.c_str());
+    return 1;
+  }
+  // Only the bookkeeping moves: the child runs on, no slot is taken in the
+  // target, and resourceTaken keeps the old name.
+  ++from->current_job_limit;
+  --to->current_job_limit;
+  ReleasePrioritySlot(&from->ListOfJobLimitsByJobPriority, job->priority, job->EntryNumb);
+  RemNode(&from->ListOfJobs, NodeOf(job));
+  AddTail(&to->ListOfJobs, NodeOf(job));
+  answer(&q->peer, KD_SUCCESS, "STATUS=SUCCESS MSG=Job %d moved to resource queue %s of queue %s\n", entry,
+         to->name.c_str(), target->name.c_str());
+  trace("%l2 --- process_que_move_entry: executing");
+  return 0;
+}
+
+// ---------------------------------------------------------------------------
+// queue_signal_entry
+// ---------------------------------------------------------------------------
+
+int _process_queue_signal_entryParseArgs(Query* q) {
+  std::vector<std::string> words = EntryRequestWords(q);
+  if (words.empty()) words.emplace_back();
+  words[0] = "sig_entry";
+  if (words.size() < 2) return 1;
+  for (const char* allowed : {"-2", "-3", "-4", "-5"})
+    if (words[1] == allowed) return 0;
+  return 1;
+}
+
+int process_queue_signal_entry(Query* q) {
+  trace("%l2 +++ process_queue_signal_entry");
+  q->EntryNumb = std::atoi(q->que_name);
+  const int entry = q->EntryNumb;
+  QueueTriple* triple = nullptr;
+  Job* job = nullptr;
+  for (QueueTriple* t : Elements<QueueTriple>(Root)) {
+    job = FindJobByEntryNumber(t, entry);
+    if (job != nullptr) {
+      triple = t;
+      break;
+    }
+  }
+  if (job == nullptr) {
+    answer(&q->peer, KD_WARNING, "STATUS=WARNING MSG=No such entry %d\n", entry);
+    trace("%l2 --- process_queue_signal_entry: no such entry %d", entry);
+    return 1;
+  }
+  iContext = entry;
+
+  int signal_number = 0;
+  const std::vector<std::string> words = EntryRequestWords(q);
+  if (words.size() > 1) EntryRequestNumber(words[1], &signal_number);
+  if (_process_queue_signal_entryParseArgs(q) != 0) {
+    answer(&q->peer, KD_WARNING, "Invalid signal number given.\n");
+    return 1;
+  }
+
+  const bool waiting = SearchList(&triple->HoldingQue, EntryNumber, IntArg(entry), nullptr) != nullptr ||
+                       SearchList(&triple->PendingQue, EntryNumber, IntArg(entry), nullptr) != nullptr;
+  if (!waiting) {
+    // SIGINT whatever number was given. A job without a process of its own
+    // is not signalled: its group would be ours.
+    const pid_t pid = static_cast<pid_t>(job->PID);
+    int rc = -1;
+    if (pid > 0) {
+      do {
+        rc = kill(-pid, SIGINT);
+      } while (rc < 0 && errno == EINTR);
+    }
+    if (rc != 0) {
+      answer(&q->peer, KD_WARNING, "STATUS=WARNING MSG=Cannot send signal to process %d\n", static_cast<int>(pid));
+      trace("%l1 [CTX:%d] --- process_queue_signal_entry: cannot signal %d", iContext, static_cast<int>(pid));
+      return 1;
+    }
+    answer(&q->peer, KD_WARNING, "STATUS=OK MSG=Sent signal SIGINT to entry no %d[PID %d] process group\n", entry,
+           static_cast<int>(pid));
+    trace("%l1 [CTX:%d] --- process_queue_signal_entry: SIGINT to group %d", iContext, static_cast<int>(pid));
+    return 0;
+  }
+
+  // The next expiry check removes it and runs it once with "-d" and the number.
+  const time_t now = gQmNow();
+  struct tm tm {};
+  localtime_r(&now, &tm);
+  job->MaxCompleteTimestamp = tm_time_to_Time(tm);
+  job->MaxCompleteTimestampSet = true;
+  job->iPendingStateExitCode = signal_number;
+  answer(&q->peer, KD_WARNING, "STATUS=OK MSG=Entry %d will receive signal %d\n", entry, signal_number);
+  trace("%l2 --- process_queue_signal_entry: entry %d waits for signal %d", entry, signal_number);
   return 0;
 }

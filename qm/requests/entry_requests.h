@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "qm_job.h"
+#include "model/records.h"
+#include "protocol/request.h"
 
 /// The words of the query's argument text split at single blanks (empty
 /// words kept); word 0 is the entry number.

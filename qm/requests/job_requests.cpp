@@ -1,5 +1,5 @@
-// The job requests job_sho, job_sho_name, job_sho_full and job_del.
-#include "kd_qm_job_requests.h"
+// The job requests job_sho, job_sho_name, job_sho_full, job_del and job_set.
+#include "requests/job_requests.h"
 
 #include <array>
 #include <cstdlib>
@@ -10,10 +10,15 @@
 
 #include "cm_common.h"
 #include "cm_trace.h"
-#include "kd_qm_queue_requests.h"
-#include "qm_common.h"
-#include "qm_entry_requests.h"
-#include "qm_job.h"
+#include "model/job.h"
+#include "model/job_grammar.h"
+#include "model/triple.h"
+#include "protocol/answer.h"
+#include "protocol/globals.h"
+#include "requests/entry_requests.h"
+#include "views/job_view.h"
+#include "views/listing.h"
+#include "views/queue_view.h"
 #include "xutil.h"
 
 namespace {
@@ -239,4 +244,25 @@ int process_job_request(Query* q) {
   }
   trace("%l2 --- process_job_request %d", result);
   return result;
+}
+
+int process_job_set(Query* q) {
+  const int entry = std::atoi(q->que_name);
+  Job* job = nullptr;
+  for (QueueTriple* triple : Elements<QueueTriple>(Root)) {
+    job = FindJobByEntryNumber(triple, entry);
+    if (job != nullptr) break;
+  }
+  if (job == nullptr) {
+    answer(&q->peer, KD_WARNING, "STATUS=WARNING MSG=No such entry %d\n", entry);
+    return 1;
+  }
+  iContext = job->EntryNumb;
+  char error[1024] = {};
+  if (JobModify(q, job, error, sizeof(error)) != 0) {
+    answer(&q->peer, KD_ERROR, "STATUS=ERROR MSG=%s\n", error);
+    return 1;
+  }
+  answer(&q->peer, KD_SUCCESS, "STATUS=SUCCESS MSG=%d", entry);
+  return 0;
 }

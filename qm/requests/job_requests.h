@@ -1,5 +1,6 @@
 // The job requests: show or delete jobs picked by name, entry number or
-// process id, by a wildcard name, or by queue.
+// process id, by a wildcard name, or by queue; change a waiting job's times
+// and priority (job_set).
 //
 // Field 3 of the request (with the word behind it) picks the jobs:
 //   WORD [SEQ]   one job: the SEQ-th (from 0, default 0) whose name is WORD,
@@ -9,10 +10,9 @@
 //                QUEUE: every queue), as state lines or comma-separated
 #pragma once
 
-#include "qm_lib.h"
-#include "queue.h"
-
-struct Job;
+#include "model/list.h"
+#include "model/records.h"
+#include "protocol/request.h"
 
 /// What field 3 of a job request picks.
 enum JobSelection : int { job_by_name = 0, job_by_wildcard = 1, job_by_queue = 2 };
@@ -50,3 +50,12 @@ int answer_job_wildcard(Query* q);
 int answer_all_job(QueueTriple* triple, Query* q);
 /// As answer_all_job, as the comma-separated lines of ViewQueCSV.
 int answer_all_job_csv(QueueTriple* triple, Query* q);
+
+/// Search callback over triples (query: Query*): when the triple's name
+/// matches the query's que_name, all its jobs are answered (answer_all_job);
+/// that result, else 0.
+int QueName_wildcard_job(Node* triple, void* query, void*);
+
+/// The job_set request: the entry number in q->que_name, the options in
+/// q->szCmdArgs. Answers the client; 0 done, 1 refused.
+int process_job_set(Query* q);

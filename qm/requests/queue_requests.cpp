@@ -1,6 +1,6 @@
 // Queue administration requests (init, block, delete, set, start, stop), the
 // queue listings and the table of global resources.
-#include "kd_qm_queue_requests.h"
+#include "requests/queue_requests.h"
 
 #include <unistd.h>
 
@@ -16,13 +16,18 @@
 #include "cm_common.h"
 #include "cm_split.h"
 #include "cm_trace.h"
-#include "kd_hal_qm.h"
-#include "kd_qm_daemon.h"
-#include "kd_qm_hooks.h"
-#include "qm_common.h"
-#include "qm_globalresource.h"
-#include "qm_job.h"
-#include "qm_queue.h"
+#include "jobs/removal.h"
+#include "jobs/restart.h"
+#include "model/list.h"
+#include "model/priority_slots.h"
+#include "model/records.h"
+#include "model/triple.h"
+#include "protocol/answer.h"
+#include "protocol/globals.h"
+#include "sched/pass.h"
+#include "views/global_resource_view.h"
+#include "views/job_view.h"
+#include "views/listing.h"
 
 namespace {
 
@@ -160,7 +165,7 @@ int set_state(Query* q, QueState resource_state, QueState triple_state, const ch
     triple->status = triple_state;
     answer(&q->peer, KD_SUCCESS, "%s", queue_answer);
   }
-  if (pass) qm_hook_ProcessAllQueTriples();
+  if (pass) ProcessAllQueTriples();
   return result;
 }
 
@@ -200,21 +205,6 @@ int set_option(Query* q, RequestWords* words) {
 }
 
 enum class SetCommand { allocation, balancing, weight };
-
-/// Fork and its failure as answer_show traces them; 0 in the child.
-pid_t fork_listing_child() {
-  // Nothing buffered may be written twice, once by the child.
-  std::fflush(nullptr);
-  const pid_t child = fork();
-  if (child < 0) {
-    const int err = errno;
-    trace("%l0 answer_show: ERROR: Fork into background failed: %s (%d)", std::strerror(err), err);
-    return -1;
-  }
-  if (child > 0) trace("%l2 answer_show: Further work will be done by my child with pid %d", static_cast<int>(child));
-  if (child == 0) SetAnswerWriterTimers();
-  return child;
-}
 
 }  // namespace
 
@@ -316,7 +306,7 @@ int que_init(Query* q) {
     answer(&q->peer, KD_SUCCESS, "STATUS=SUCCESS MSG=Job limit for resource queues changed to %d\n", job_limit);
   }
   // A raised counter may let waiting jobs start at once.
-  if (counter_raise > 0) qm_hook_ProcessAllQueTriples();
+  if (counter_raise > 0) ProcessAllQueTriples();
   return result;
 }
 
@@ -541,30 +531,6 @@ int process_que_set(Query* q) {
 // Listings
 // ---------------------------------------------------------------------------
 
-pid_t answer_show(char selector, List* list, VoidFnPtr3 walk, Query* q) {
-  const pid_t child = fork_listing_child();
-  if (child != 0) return child > 0 ? child : 0;
-  // The child lists its own copy of the daemon's memory: the state at the fork.
-  trace("%l3 answer_show: queue %s", q->que_name);
-  WalkList(list, walk, q, IntArg(selector));
-  trace("%l3 answer_show: ### QueName_wildcard done: queue %s", q->que_name);
-  q->peer.iStatusFlag = 2;
-  answer_wildcard(&q->peer, KD_SUCCESS, "STATUS=SUCCESS MSG=ok", nullptr, selector);
-  _exit(0);
-}
-
-pid_t answer_show(char selector, List* list, IntFnPtr3 search, Query* q) {
-  const pid_t child = fork_listing_child();
-  if (child != 0) return child > 0 ? child : 0;
-  trace("%l3 answer_show: queue %s", q->que_name);
-  answer_wildcard(&q->peer, KD_SUCCESS, "", nullptr, selector);
-  SearchList(list, search, q, nullptr);
-  trace("%l3 answer_show: ### answer_all_job done: queue %s", q->que_name);
-  q->peer.iStatusFlag = 2;
-  answer_wildcard(&q->peer, KD_SUCCESS, "STATUS=SUCCESS MSG=ok\n", nullptr, selector);
-  _exit(0);
-}
-
 int process_que_sho(Query* q) {
   char selector = ' ';
   switch (q->function) {
@@ -603,17 +569,4 @@ int process_show_global_resources(Query* q) {
   // A "%" of a resource name is written as it is, not read as a conversion.
   answer_text(q, KD_SUCCESS, text);
   return 0;
-}
-
-void answer_text(Query* q, int status, const std::string& text) {
-  std::string format;
-  format.reserve(text.size() + 16);
-  for (char c : text) {
-    format += c;
-    if (c == '%') format += '%';
-  }
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-security"
-  answer(&q->peer, status, format.c_str());
-#pragma GCC diagnostic pop
 }

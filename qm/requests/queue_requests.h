@@ -6,12 +6,7 @@
 // requester and returns 0 done or 1 refused.
 #pragma once
 
-#include <string>
-
-#include <sys/types.h>
-
-#include "qm_lib.h"
-#include "queue.h"
+#include "protocol/request.h"
 
 /// queue_init: creates a triple with its resource queues, adds a resource
 /// queue to an existing one, or changes job limits and counters.
@@ -30,17 +25,3 @@ int process_que_set(Query* q);
 int process_que_sho(Query* q);
 /// show_global_resources: the table of global resources and their users.
 int process_show_global_resources(Query* q);
-
-/// Writes a listing from a forked child, so that the daemon goes on at once:
-/// walks list with walk (each call writes through answer_wildcard with the
-/// selector) and closes the answer with "STATUS=SUCCESS MSG=ok". Returns the
-/// child's pid, or 0 when the fork failed (nothing is answered then).
-pid_t answer_show(char selector, List* list, VoidFnPtr3 walk, Query* q);
-/// The job listings (selector "j"): an empty Ok part, then list searched
-/// with search, then "STATUS=SUCCESS MSG=ok\n".
-pid_t answer_show(char selector, List* list, IntFnPtr3 search, Query* q);
-
-/// Answers a whole text of any length with the given status: the text is
-/// handed to answer as its format with every "%" doubled, so that it is
-/// neither cut nor read as conversions.
-void answer_text(Query* q, int status, const std::string& text);

@@ -3,7 +3,7 @@
 // resource wishes, is checked against the queue triple and put into the
 // holding queue in start-time order, and a scheduling pass follows at once
 // so that a job whose time has come starts before the answer is sent.
-#include "kd_qm_submit.h"
+#include "requests/submit.h"
 
 #include <cstring>
 #include <string>
@@ -11,12 +11,17 @@
 
 #include "cm_common.h"
 #include "cm_trace.h"
-#include "kd_qm_sched.h"
-#include "qm_common.h"
-#include "qm_entry.h"
-#include "qm_globalresource.h"
-#include "qm_job.h"
-#include "queue.h"
+#include "jobs/exit_log.h"
+#include "model/entry_pool.h"
+#include "model/global_resources.h"
+#include "model/job.h"
+#include "model/job_grammar.h"
+#include "model/list.h"
+#include "model/records.h"
+#include "model/triple.h"
+#include "protocol/answer.h"
+#include "protocol/globals.h"
+#include "sched/pass.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The submit requests: admission of a new job into a queue triple.
 #pragma once
 
-#include "qm_lib.h"
+#include "protocol/request.h"
 
 /// The requests queue_submit, queue_submit_sync and queue_submit_proc_only
 /// (the lazy variants arrive with q->bLazy set). allocate and resource are

@@ -1,41 +1,24 @@
-// Job listings: the job lines and blocks of the queue views, the
-// comma-separated line, and the small text and time helpers around them.
+#include "views/job_view.h"
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <ctime>
 #include <string>
 #include <string_view>
 
-#include "qm_common.h"
-#include "qm_globalresource.h"
-#include "qm_job.h"
+#include "jobs/launch.h"
+#include "model/global_resources.h"
+#include "model/job.h"
+#include "model/triple.h"
+#include "protocol/answer.h"
 
 namespace {
 
-constexpr std::size_t kCommandLineSize = 24576;
 constexpr std::size_t kCsvLineSize = 4096;
 constexpr std::size_t kUsagePieceSize = 128;
 
 void write_text(FILE* out, const AppendString& text) {
   if (out != nullptr && !text.empty()) pipe_printf(out, "%s", text.c_str());
-}
-
-/// Broken-down local time of now, as the records keep it.
-QMTime local_time(time_t now) {
-  struct tm tm {};
-  localtime_r(&now, &tm);
-  return QMTime{tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec};
-}
-
-/// Compares field by field down to the minute, or down to the second.
-int compare_time(const QMTime& a, const QMTime& b, bool with_seconds) {
-  const int av[] = {a.year, a.month, a.day, a.hour, a.min, a.sec};
-  const int bv[] = {b.year, b.month, b.day, b.hour, b.min, b.sec};
-  const int fields = with_seconds ? 6 : 5;
-  for (int i = 0; i < fields; ++i)
-    if (av[i] != bv[i]) return av[i] < bv[i] ? -1 : 1;
-  return 0;
 }
 
 /// The last path component of the executable: behind the last "/", failing
@@ -138,24 +121,6 @@ void AppendPrintf(AppendString* text, const char* format, ...) {
   va_end(again);
 }
 
-void TimeToISOStr(const QMTime& t, char* buffer, std::size_t size) {
-  std::snprintf(buffer, size, "%02d-%02d-%02d %02d:%02d:%02d", t.year, t.month, t.day, t.hour, t.min, t.sec);
-}
-
-std::string JobResourcesToStr(const Job* job) {
-  std::string text;
-  for (const Resource* resource : Elements<Resource>(job->s_preferredResource.l_preferredResources)) {
-    if (!text.empty()) text += ';';
-    if (!resource->cpShare.empty()) {
-      text += resource->cpShare;
-      text += '_';
-    }
-    text += resource->cpResource;
-    text += resource->cpServer;
-  }
-  return text;
-}
-
 void ViewJobGlobalResourceUsage(const Job* job, bool with_name, List* resources, std::string* text) {
   char piece[kUsagePieceSize];
   if (with_name) {
@@ -202,18 +167,4 @@ void PrintJobCSV(Job* job, const char* queue, FILE* out) {
   AppendString text;
   PrintJobCSV(job, queue, &text);
   write_text(out, text);
-}
-
-int JobTime(Job* job, const QMTime* time) { return compare_time(job->Time, *time, false) > 0 ? 1 : 0; }
-
-int JobStartTimeExpired(Job* job, time_t now) {
-  if (!job->MaxStartTimeSet) return 0;
-  return compare_time(job->MaxStartTime, local_time(now), true) <= 0 ? 1 : 0;
-}
-
-int JobTimeExpired(Job* job, time_t now) {
-  if (!job->MaxCompleteTimestampSet) return 0;
-  // A job being stopped has had its end time; it must not be stopped again.
-  if (job->eJobState == job_stopping) return 0;
-  return compare_time(job->MaxCompleteTimestamp, local_time(now), true) <= 0 ? 1 : 0;
 }

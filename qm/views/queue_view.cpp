@@ -1,18 +1,13 @@
-// Wildcards and the views of queue triples: text tables and comma-separated
-// lines written into a client's answer stream.
-//
-// Each view is built as one text and written with one pipe_printf: a listing
-// of a thousand triples would otherwise cost a wait for writability per line.
+#include "views/queue_view.h"
+
 #include <cstdio>
 #include <string>
 #include <string_view>
 
-#include "cm_common.h"
-#include "cm_trace.h"
-#include "qm_common.h"
-#include "qm_job.h"
-#include "qm_queue.h"
-#include "queue.h"
+#include "model/list.h"
+#include "model/priority_slots.h"
+#include "model/triple.h"
+#include "protocol/answer.h"
 
 namespace {
 
@@ -79,46 +74,6 @@ void append_csv_jobs(const List& jobs, const char* prefix, AppendString* text) {
 }
 
 }  // namespace
-
-int iStrWildcard(std::string_view text, std::string_view pattern) {
-  const std::size_t star = pattern.find('*');
-  if (star == std::string_view::npos) return text == pattern ? 1 : 0;
-  // Only the fields before the first and between the first and the second
-  // "*" count: a pattern holds one effective "*".
-  const std::string_view first = pattern.substr(0, star);
-  std::string_view second = pattern.substr(star + 1);
-  if (const std::size_t next = second.find('*'); next != std::string_view::npos) second = second.substr(0, next);
-
-  const bool first_holds = first.empty() || text.substr(0, first.size()) == first;
-  bool second_holds = second.empty();
-  if (!second_holds) {
-    // The first occurrence must be the end: "ab" does not end "abab" here.
-    const std::size_t at = text.find(second);
-    second_holds = at != std::string_view::npos && text.substr(at) == second;
-  }
-  return first_holds && second_holds ? 1 : 0;
-}
-
-int iWildcard(QueueTriple* triple, std::string_view pattern) { return iStrWildcard(triple->name.view(), pattern); }
-
-void QueName_wildcard(Node* node, void* query, void* mode) {
-  QueueTriple* triple = ElementOf<QueueTriple>(node);
-  auto* q = static_cast<Query*>(query);
-  if (iWildcard(triple, q->que_name) == 0) return;
-  ++q->count;
-  answer_wildcard(&q->peer, KD_SUCCESS, nullptr, triple, static_cast<char>(ArgInt(mode)));
-}
-
-int JobNameWildcard(Node* node, void* query, void*) {
-  Job* job = ElementOf<Job>(node);
-  auto* q = static_cast<Query*>(query);
-  if (iStrWildcard(job->job_name.view(), q->job_name) == 0) return 0;
-  // The job travels through the triple argument of the answer writer; the
-  // selectors "F" and "N" read it back as a job.
-  answer_wildcard(&q->peer, KD_SUCCESS, nullptr, ElementOf<QueueTriple>(NodeOf(job)),
-                  q->function == job_sho_full ? 'F' : 'N');
-  return 1;
-}
 
 void ViewQue(QueueTriple* triple, FILE* out) { write_table_view(triple, kViewQue, out); }
 void ViewQueNames(QueueTriple* triple, FILE* out) { write_table_view(triple, kViewQueNames, out); }

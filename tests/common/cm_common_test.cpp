@@ -1,11 +1,10 @@
 #include "cm_common.h"
+#include "cm_signal.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <string>
-
-#include "cm_signal.h"
 
 TEST(CopyCut, CutsAtTheArraySizeAndTerminates) {
   char small[5];

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "cm_common.h"
 #include "cm_hal_unix.h"
-#include "cm_kernel.h"
 #include "cm_trace.h"
 #include "kd_test_support.h"
 

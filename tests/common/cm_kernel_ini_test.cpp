@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "cm_common.h"
 #include "cm_hal_unix.h"
 #include "cm_kernel.h"
 #include "cm_trace.h"

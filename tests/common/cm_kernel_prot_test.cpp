@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "cm_common.h"
 #include "cm_kernel.h"
-#include "cm_trace.h"
 #include "kd_test_support.h"
 
 using kdtest::CaptureFd;

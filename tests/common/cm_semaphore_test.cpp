@@ -1,7 +1,10 @@
 // File semaphores: lock, unlock, try, inquiry, reset and removal as seen by
 // other processes, hand-over from a killed holder, fatal answers, and signals
 // during blocking and polling waits.
+#include "cm_common.h"
 #include "cm_semaphore.h"
+#include "cm_trace.h"
+#include "kd_test_support.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -20,10 +23,6 @@
 #include <memory>
 #include <string>
 #include <thread>
-
-#include "cm_common.h"
-#include "cm_trace.h"
-#include "kd_test_support.h"
 
 using namespace std::chrono_literals;
 using kdtest::ReadFile;

@@ -1,12 +1,11 @@
 #include "cm_split.h"
+#include "cm_trace.h"
+#include "kd_test_support.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
-
-#include "cm_trace.h"
-#include "kd_test_support.h"
 
 namespace {
 

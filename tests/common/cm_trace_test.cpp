@@ -1,7 +1,9 @@
 // Trace log: level filter and prefixes, indentation, the day log with its
 // announcement and day switch, debug.ini and kd.ini settings, missing or
 // unusable directories, invalid and shared handles.
+#include "cm_common.h"
 #include "cm_trace.h"
+#include "kd_test_support.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -11,9 +13,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include "cm_common.h"
-#include "kd_test_support.h"
 
 using kdtest::CaptureFd;
 using kdtest::ReadFile;

@@ -1,11 +1,10 @@
+#include "kd_test_support.h"
 #include "strlib.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
-
-#include "kd_test_support.h"
 
 namespace {
 

@@ -1,12 +1,11 @@
+#include "cm_trace.h"
+#include "kd_test_support.h"
 #include "xutil.h"
 
 #include <gtest/gtest.h>
 
 #include <clocale>
 #include <string>
-
-#include "cm_trace.h"
-#include "kd_test_support.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "daemon_fixture.h"
-#include "qm_lib.h"
+#include "protocol/request.h"
 
 namespace kdtest {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "daemon_fixture.h"
-#include "qm_lib.h"
+#include "protocol/request.h"
 
 namespace kdtest {
 namespace {

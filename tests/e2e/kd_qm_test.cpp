@@ -10,9 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "client/kd_qm_front.h"
 #include "daemon_fixture.h"
-#include "kd_qm_front.h"
-#include "qm_lib.h"
 
 using namespace std::chrono_literals;
 

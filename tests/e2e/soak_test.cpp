@@ -19,7 +19,7 @@
 #include <thread>
 
 #include "daemon_fixture.h"
-#include "qm_lib.h"
+#include "protocol/request.h"
 
 namespace kdtest {
 namespace {

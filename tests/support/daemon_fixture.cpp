@@ -16,7 +16,7 @@
 #include <fstream>
 #include <thread>
 
-#include "qm_lib.h"
+#include "protocol/request.h"
 
 #ifndef KD_BIN_DIR
 #error "KD_BIN_DIR must name the directory of the built programs"
