@@ -72,9 +72,9 @@ std::string first_resource(const char* resource) {
 }
 
 /// The resource queue that the resource part names ("[share_]name[@server]").
-Queue* find_resource(QueueTriple* triple, const std::string& spec) {
+Queue* find_resource(QueueTriple* triple, const std::string& resource_text) {
   std::string share, name, server;
-  getResourceNames(spec, &share, &name, &server);
+  getResourceNames(resource_text, &share, &name, &server);
   return FindResourceQue(triple, name);
 }
 
@@ -101,10 +101,10 @@ struct ScopedJobLimits {
   ScopedJobLimits& operator=(const ScopedJobLimits&) = delete;
 };
 
-/// Creates a resource queue for spec and appends it to the triple.
-Queue* add_resource_queue(QueueTriple* triple, const std::string& spec, Counter* counter,
+/// Creates a resource queue for resource_text and appends it to the triple.
+Queue* add_resource_queue(QueueTriple* triple, const std::string& resource_text, Counter* counter,
                           const QueueJobLimits* limits) {
-  Queue* queue = CreateResourceQue(triple, spec, counter, limits);
+  Queue* queue = CreateResourceQue(triple, resource_text, counter, limits);
   if (queue == nullptr) return nullptr;
   AddTail(&triple->ExecQueues, NodeOf(queue));
   ++triple->iExecQueCount;
@@ -114,12 +114,12 @@ Queue* add_resource_queue(QueueTriple* triple, const std::string& spec, Counter*
 
 /// Re-initialisation of an existing resource queue: share, server, counter
 /// and limits.
-void change_resource_queue(QueueTriple* triple, Queue* queue, const std::string& spec, Counter* counter,
+void change_resource_queue(QueueTriple* triple, Queue* queue, const std::string& resource_text, Counter* counter,
                            QueueJobLimits* limits) {
   std::string share, name, server;
-  getResourceNames(spec, &share, &name, &server);
+  getResourceNames(resource_text, &share, &name, &server);
   trace("%l2 Set resource share [%s] and server [%s] from given [%s]", share.c_str(), server.c_str(),
-        spec.c_str());
+        resource_text.c_str());
   if (!server.empty()) queue->server = server;
   if (!share.empty() && queue->share != share) {
     if (queue->eState == idle || queue->eState == pending) {

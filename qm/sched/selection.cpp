@@ -218,7 +218,7 @@ int JobRequestsAnyResourceLazy(Node* node, void* queue_arg, void*, void*) {
 
 namespace {
 
-/// Step 9 of the selection: nothing could be done on the queue. A stopped or
+/// The end of a selection that could do nothing on the queue: a stopped or
 /// blocked queue hands lazy jobs that would take it to any resource.
 void CloseQueueCheck(Queue* q, QueueTriple* t) {
   if (q->eState == synchronized) {
@@ -257,8 +257,8 @@ void ReleaseAllocation(Queue* q) {
 
 enum class Outcome { kContinue, kEnd, kReturn };
 
-/// Starts the candidate on Q (step 7.9): the "-d" pair, share and state,
-/// the synchronisation point, the start itself and the bookkeeping.
+/// Starts the chosen candidate on Q: the "-d" pair, share and state, the
+/// synchronisation point, the start itself and the bookkeeping.
 Outcome StartCandidate(Queue* q, QueueTriple* t, Job* job) {
   iContext = job->EntryNumb;
   if (q->name != "single") {
@@ -317,7 +317,9 @@ Outcome StartCandidate(Queue* q, QueueTriple* t, Job* job) {
   return Outcome::kContinue;
 }
 
-/// One turn of the selection loop (steps 7.1 to 7.9) with head job h.
+/// One turn of the selection loop with head job h: pick a candidate (the
+/// synchronised head, or by weight, allocation, room and global resources),
+/// release what a queue without candidate holds, and start the candidate.
 Outcome SelectAndStart(Queue* q, QueueTriple* t, const char* selector, Job* h) {
   IntFnPtr4 predicate = JobMatchesWithGLORESandPrioSlots;
   Job* candidate = nullptr;
