@@ -223,4 +223,3 @@ TEST_F(TraceTest, AllCloseReleasesEveryHandleOfTheFirstLog) {
   }
   EXPECT_EQ(OpenDescriptorsOn(DayLog()), 1);
 }
-
