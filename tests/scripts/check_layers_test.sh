@@ -8,11 +8,11 @@ trap 'rm -rf "$tmp"' EXIT
 failed=0
 
 put() {  # file, lines: writes the file
-  mkdir -p "$(dirname "$1")"
+  mkdir -p "${1%/*}"
   printf '%s\n' "${@:2}" >"$1"
 }
 add() {  # file, lines: appends to the file
-  mkdir -p "$(dirname "$1")"
+  mkdir -p "${1%/*}"
   printf '%s\n' "${@:2}" >>"$1"
 }
 
