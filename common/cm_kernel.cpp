@@ -94,7 +94,7 @@ void FPROT(const sPROT* additional, const char* format, ...) {
     if (f == nullptr) {
       int e = errno;
       trace("%l0 FPROT: Failed to open [%s]: %s (%d) - retry", gv_prot, std::strerror(e), e);
-      const struct timespec pause {0, 100 * 1000 * 1000};
+      const struct timespec pause {0, 100L * 1000 * 1000};
       nanosleep(&pause, nullptr);
       if (read_gv_prot(gv_prot)) {
         f = std::fopen(gv_prot, "ae");

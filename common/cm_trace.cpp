@@ -544,7 +544,7 @@ void trace(const char* format, ...) {
       prefix = "Debug: ";
   }
   const std::size_t plen = std::strlen(prefix);
-  std::memcpy(g_szTraceBuffer, prefix, plen);
+  std::memcpy(g_szTraceBuffer, prefix, plen + 1);
   va_list ap;
   va_start(ap, format);
   std::vsnprintf(g_szTraceBuffer + plen, sizeof g_szTraceBuffer - plen, prefixed ? format + 4 : format, ap);

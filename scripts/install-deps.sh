@@ -3,7 +3,9 @@
 set -euo pipefail
 
 # clang and its runtime libraries: the fuzz targets (scripts/fuzz.sh) are built with libFuzzer.
-packages=(cmake make g++ git libgtest-dev libgmock-dev libbenchmark-dev libpcre3-dev libboost-dev clang libclang-rt-dev)
+# clang-tidy for scripts/tidy.sh, python3 for scripts/check-layers.sh.
+packages=(cmake make g++ git libgtest-dev libgmock-dev libbenchmark-dev libpcre3-dev libboost-dev clang libclang-rt-dev
+          clang-tidy python3)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -37,7 +37,7 @@ namespace {
 constexpr int kDefaultTimeout = 60;
 constexpr int kSyncSubmitTimeout = 43200;  // a synchronous submit waits for the job's end
 constexpr int kOpenTries = 20000;
-constexpr long kOpenPauseNs = 100 * 1000;
+constexpr long kOpenPauseNs = 100L * 1000;
 constexpr int kWriteRetries = 3;
 
 void report_error(const char* text) {

@@ -160,7 +160,7 @@ int QueJobMaxCompleteTimestamp(QueueTriple* triple, Query* q) {
   } else {
     SetEndTime(job, now + q->Timeout);
     if (job->CustomStopJobExecuted)
-      JobGracefullStop(job);
+      JobGracefullStop(job);  // NOLINT(bugprone-branch-clone): a kill program runs only once
     else if (JobHasCustomKillProcess(job) != 0)
       RunCustomKillProcess(job);
     else

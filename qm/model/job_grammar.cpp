@@ -299,6 +299,7 @@ int ParseArgs(Query* q, const char* optstring, JobArgs* args, char* error, std::
 
   int rc = 0;
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& w : words) argv.push_back(w.data());
   argv.push_back(nullptr);
   args->iHardKillTimeout = 20;

@@ -71,6 +71,7 @@ using VoidFnPtr3 = void (*)(Node*, void*, void*);
 using VoidFnPtr4 = void (*)(Node*, void*, void*, void*);
 
 /// An int handed through a callback argument, and back.
+// NOLINTNEXTLINE(performance-no-int-to-ptr): the pointer carries a value and is never dereferenced
 inline void* IntArg(intptr_t v) { return reinterpret_cast<void*>(v); }
 inline int ArgInt(void* p) { return static_cast<int>(reinterpret_cast<intptr_t>(p)); }
 

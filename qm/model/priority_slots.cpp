@@ -195,6 +195,7 @@ int ParseQueueArgs(int skip, Query* q, QueueJobLimits* limits) {
     words.emplace_back(word);
   }
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& w : words) argv.push_back(w.data());
   argv.push_back(nullptr);
 

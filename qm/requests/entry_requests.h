@@ -33,6 +33,7 @@ int process_que_del_entry(Query* q);
 /// without error), neither -K nor -e clears it; a number as word 1 replaces
 /// the hard kill timeout by its absolute value. Returns 1 normal delete,
 /// 2 delete only if not executing, 0 error (text in error, job unchanged).
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name its traces print
 int _que_del_entry_ParseArgs(Query* q, Job* job, char* error, std::size_t error_size);
 
 /// queue_move_entry: "<entry> <queue>[/<resource>]".
@@ -42,4 +43,5 @@ int process_que_move_entry(Query* q);
 int process_queue_signal_entry(Query* q);
 
 /// 0 when word 1 of the query's text is one of -2, -3, -4, -5, else 1.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): named like its twin _que_del_entry_ParseArgs
 int _process_queue_signal_entryParseArgs(Query* q);

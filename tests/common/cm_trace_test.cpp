@@ -222,4 +222,3 @@ TEST_F(TraceTest, AllCloseReleasesEveryHandleOfTheFirstLog) {
   }
   EXPECT_EQ(OpenDescriptorsOn(DayLog()), 1);
 }
-
