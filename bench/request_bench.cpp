@@ -61,9 +61,10 @@ class BenchDaemon {
   }
   ~BenchDaemon() {
     if (proc_.Running()) {
-      qm_lib_send_cmd(shut_down, "", ignore_alarm, 0);
-      char buf[512];
-      while (qm_lib_get_answer_buff(buf, sizeof buf, 0) > 0) {
+      if (qm_lib_send_cmd(shut_down, "", ignore_alarm, 0) == 0) {
+        char buf[512];
+        while (qm_lib_get_answer_buff(buf, sizeof buf, 0) > 0) {
+        }
       }
       qm_lib_close_answer(0);
       if (!proc_.WaitExit(5s)) {

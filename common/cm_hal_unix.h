@@ -10,7 +10,7 @@
 /// Finds the path of the ini file named by name ("KD_INI") in the bootstrap
 /// files ($KD_INI, "/etc/opt/kelda/kelda.ini", "/etc/kelda2000.ini"). A name
 /// beginning with "/" is itself the path. 1 found / 0 not found.
-int i_GET_ROOT_FOR_INI(const char* name, char* result, std::size_t result_size, char* err,
+[[nodiscard]] int i_GET_ROOT_FOR_INI(const char* name, char* result, std::size_t result_size, char* err,
                        std::size_t err_size);
 
 /// The bootstrap files in the order they are tried. Tests may redirect the
@@ -37,13 +37,13 @@ bool glbv_pattern_match(std::string_view pattern, std::string_view name);
 /// Takes the lock file "%ssem/%s.lock" of gv_rw_work: mode '*' shared,
 /// '+' exclusive for the life of the process, any other mode a test.
 /// 1 / 0, the message in msg.
-int i_GET_LOCK_FOR_PROCESS(char mode, const char* name, char* msg, std::size_t msg_size);
+[[nodiscard]] int i_GET_LOCK_FOR_PROCESS(char mode, const char* name, char* msg, std::size_t msg_size);
 
 /// Takes the exclusive process lock of name, or ends the process with exit code 1.
 void AVOID_MULTI_PROCESS(const char* name);
 
 /// Prepares PATH (and PGPORT, LD_LIBRARY_PATH where needed) for the module text. 1 / 0.
-int i_setenv_kelda(const char* module);
+[[nodiscard]] int i_setenv_kelda(const char* module);
 
 /// Sends a signal and traces the outcome. 1 sent / 0 failed.
-int i_cm_kill(pid_t pid, int sig);
+[[nodiscard]] int i_cm_kill(pid_t pid, int sig);

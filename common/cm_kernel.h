@@ -58,22 +58,22 @@ extern const MsgSet MSG_GLBV_INVALID_SERVICE;
 /// Reads one key of a section of an ini file (section empty or null: anywhere).
 /// 1 found / 0 not found (value empty); err always receives a text (empty on
 /// success). A "%(name)" chain deeper than 16 references counts as a loop and fails.
-int i_GetPrivateProfileString(const char* file, const char* section, const char* key, char* value,
+[[nodiscard]] int i_GetPrivateProfileString(const char* file, const char* section, const char* key, char* value,
                               std::size_t value_size, char* err, std::size_t err_size);
 
 /// Reads a key of the configuration named by ini_name (empty or null: "KD_INI").
 /// 1 / 0; on failure the value is empty.
-int i_READ_INI(const char* ini_name, const char* section, const char* key, char* value,
+[[nodiscard]] int i_READ_INI(const char* ini_name, const char* section, const char* key, char* value,
                std::size_t value_size, char* err, std::size_t err_size);
 
 /// Reads every key "key#..." of a section of a file into list (cleared
 /// first), in file order; values as written, empty ones left out, "%(name)"
 /// not resolved. Returns the number of values.
-int i_GetPrivateProfileList(const char* file, const char* section, const char* key,
+[[nodiscard]] int i_GetPrivateProfileList(const char* file, const char* section, const char* key,
                             std::vector<std::string>& list, char* err, std::size_t err_size);
 
 /// i_GetPrivateProfileList on the main configuration "KD_INI" (always, whatever name is given).
-int i_READ_INI_LIST(const char* ini_name, const char* section, const char* key,
+[[nodiscard]] int i_READ_INI_LIST(const char* ini_name, const char* section, const char* key,
                     std::vector<std::string>& list, char* err, std::size_t err_size);
 
 /// A loaded ini file: entries named "section:key" (lower-cased), in file order.
@@ -96,12 +96,12 @@ struct IniDict {
 };
 
 /// Resolves the ini name (empty: "KD_INI") and loads the whole file, or nullptr.
-std::unique_ptr<IniDict> p_PARSE_INI(const char* ini_name, char* err, std::size_t err_size);
+[[nodiscard]] std::unique_ptr<IniDict> p_PARSE_INI(const char* ini_name, char* err, std::size_t err_size);
 
 /// Sets one key in an ini file; flag 'o' overwrites an existing value. 1 / 0.
 /// An ini name holding "/" is the file itself; any other is resolved like
 /// i_READ_INI. A file that does not exist yet is created.
-int i_change_ini(const char* ini_name, const char* section, const char* key, const char* value,
+[[nodiscard]] int i_change_ini(const char* ini_name, const char* section, const char* key, const char* value,
                  char flag);
 
 /// Expands a "[Pathes]" prefix ("gv_rw_lgc:file") in place. Always 1.
@@ -150,12 +150,12 @@ const char* cm_convert_time(const char* text, struct tm* tm);
 /// Converts a time text in place to the compact stamp "%Y%m%d%H%M%S"; the
 /// buffer holds at least 20 bytes. Returns the new length, or 0 (buffer
 /// unchanged) when the text cannot be converted.
-int cm_time_iso2stamp(char* buffer);
+[[nodiscard]] int cm_time_iso2stamp(char* buffer);
 /// Converts a time text in place to the readable form "%Y-%m-%d %H:%M:%S";
 /// the buffer holds at least 20 bytes. Returns the new length, or 0 (buffer
 /// unchanged) for an empty text, "NULL" or a text that cannot be converted.
 /// A date alone gives that day at 00:00:00.
-int cm_time_stamp2iso(char* buffer);
+[[nodiscard]] int cm_time_stamp2iso(char* buffer);
 
 /// The current local time as "%Y-%m-%d %H:%M:%S" (one static buffer).
 const char* psz_now_iso();

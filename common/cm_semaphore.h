@@ -19,7 +19,7 @@ struct sct_semaphore {
 /// 'R' reset after a dead holder, '#' remove the file. Returns an EXIT_STATE;
 /// szMsg explains. KD_FATAL ends the process with exit code 3. A record
 /// holds one lock at a time (its descriptor in hSema until '-').
-int i_SEMA(char operation, sct_semaphore* sema);
+[[nodiscard]] int i_SEMA(char operation, sct_semaphore* sema);
 
 /// The interrupt mark of a waiting lock: 'n' while no signal arrived, else
 /// the number of the signal that arrived. Process-wide: one wait at a time.
@@ -40,7 +40,7 @@ void cm_lock_register_held(int fd);
 void cm_lock_forget_file(int fd);
 /// The held descriptor of this process for the file with that device and
 /// inode, or -1.
-int cm_lock_held_fd(dev_t dev, ino_t ino);
+[[nodiscard]] int cm_lock_held_fd(dev_t dev, ino_t ino);
 /// Closes a descriptor that holds no lock of its own, unless this process
 /// holds a lock on the same file: closing would release that lock, so the
 /// descriptor is kept open instead.

@@ -49,7 +49,7 @@ extern QmErrorFn gERROR;
 extern QmUsageFn gUSAGE;
 
 /// 0 on success, 1 when gv_rw_qm is not configured.
-int qm_lib_init(QmErrorFn error, QmUsageFn usage, int trace_level);
+[[nodiscard]] int qm_lib_init(QmErrorFn error, QmUsageFn usage, int trace_level);
 
 /// Builds to_qm ("%scom%sto_qm_pipe") and from_qm ("%scom%sfrom_qm_pipe%d" with
 /// the own pid) from the queue manager's directory (a missing trailing "/" is added).
@@ -60,14 +60,14 @@ void qm_lib_set_pipe_names(const char* qm_dir);
 /// apart; stops at once on ENOENT or EACCES. On success the stream (mode
 /// mode) and its descriptor in *fd; on failure nullptr, *fd = -1, and the
 /// error callback has been told "no answer from kd_qm_main (open pipe failed)".
-FILE* fileopen(const char* path, const char* mode, bool non_blocking, int* fd);
+[[nodiscard]] FILE* fileopen(const char* path, const char* mode, bool non_blocking, int* fd);
 
 /// Sends one request "%d %d %s" (mode, own pid, trimmed arguments) and waits
 /// until the daemon's writer has reached the own answer pipe. 0 sent and
 /// answer pipe open (iFdFromQm), -1 failure (reported through gERROR).
 /// alarm_handler is installed for SIGALRM (nullptr keeps the current one);
 /// the alarm of giTimeout seconds bounds the exchange and is cancelled on return.
-int qm_lib_send_cmd(int mode, const char* arguments, void (*alarm_handler)(int), int trace_level);
+[[nodiscard]] int qm_lib_send_cmd(int mode, const char* arguments, void (*alarm_handler)(int), int trace_level);
 
 /// Reads the whole answer, printing it to standard output; the return code 0/1/2 (or -1).
 int qm_lib_get_answer(int trace_level);
@@ -75,7 +75,7 @@ int qm_lib_get_answer(int trace_level);
 int qm_lib_get_answer_unix(int trace_level);
 
 /// Reads the next piece of the answer into buffer; characters read, 0 at end, -1 on error.
-int qm_lib_get_answer_buff(char* buffer, int size, int trace_level);
+[[nodiscard]] int qm_lib_get_answer_buff(char* buffer, int size, int trace_level);
 
 /// Closes and removes the answer pipe; giReturnCode.
 int qm_lib_close_answer(int trace_level);

@@ -10,7 +10,7 @@ inline constexpr std::size_t kMaxReadLine = 2046;
 /// Serves the request pipe until it is quiet: 1 call again at once, 0 no
 /// request arrived (a signal or the alarm ended the wait), -1 after a
 /// shutdown request.
-int ReadExecuteQuery(const char* program, const char* qm_dir);
+[[nodiscard]] int ReadExecuteQuery(const char* program, const char* qm_dir);
 
 /// Closes the daemon's descriptor of the request pipe and forgets any
 /// buffered input (after a fork, and for tests).

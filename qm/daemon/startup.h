@@ -41,7 +41,7 @@ void DetachFromTerminal();
 /// Writes the service pid file pid_file ("%ld\n" and its NUL byte) when both
 /// unit_file and run_dir exist. 0 written or not wanted; -1 failed, with
 /// "Could not create '%s' file: %s" in msg.
-int WriteServicePidFile(const char* unit_file, const char* run_dir, const char* pid_file, char* msg,
+[[nodiscard]] int WriteServicePidFile(const char* unit_file, const char* run_dir, const char* pid_file, char* msg,
                         std::size_t msg_size);
 
 /// WriteServicePidFile for the service unit of the daemon; a failure ends
@@ -50,4 +50,4 @@ void WriteOwnServicePidFile();
 
 /// Creates the request pipe qmd_to_qm (mode 0770), replacing any file of that
 /// name and creating its directories when missing. 0, or -1 when it fails.
-int CreateRequestPipe();
+[[nodiscard]] int CreateRequestPipe();

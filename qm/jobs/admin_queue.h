@@ -12,7 +12,7 @@ extern List gJobStack;            ///< daemon-wide job stack
 
 /// Creates the admin triple with its running terminating queue
 /// "qu_admin_terminating" and links it into Root; 0, or -1.
-int InitQMAdminQueue();
+[[nodiscard]] int InitQMAdminQueue();
 /// Moves a job into the terminating queue (unlinking it from queue's job
 /// list when a queue is given); before start-up the job stays unlinked.
 void JobToAdminQueueTerminate(Job* job, Queue* queue);

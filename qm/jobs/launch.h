@@ -20,8 +20,8 @@ inline constexpr std::size_t kCommandLineSize = 24576;
 
 /// Appends one argument (the number as "%d") and counts it in arg_count;
 /// 0, or 1 when no memory could be had.
-int jobAddArg_str(Job* job, const char* text);
-int jobAddArg_int(Job* job, int value);
+[[nodiscard]] int jobAddArg_str(Job* job, const char* text);
+[[nodiscard]] int jobAddArg_int(Job* job, int value);
 /// Walk callback over ListOfArguments: stores the argument at *index (int*)
 /// in argv (const char** of kMaxArgvEntries + 1 null-initialised entries).
 /// The last entry is overwritten by every further argument, and the first
@@ -37,7 +37,7 @@ std::string JobCommandLine(Job* job);
 /// pid when it wants answer steps), closes every descriptor but standard
 /// input, which becomes standard output and error too. The pid, or -1 when
 /// every fork retry failed. A failed exec ends the child with 127.
-pid_t runjob(Job* job);
+[[nodiscard]] pid_t runjob(Job* job);
 
 /// Answers a peer with code 0 and marks it answered.
 void NotifyAndInvalidateyPeer(Peer* peer, const char* format, ...) __attribute__((format(printf, 2, 3)));

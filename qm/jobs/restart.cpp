@@ -74,7 +74,8 @@ void RunWithPendingStateExitCode(Job* job) {
   iContext = job->EntryNumb;
   trace("[CTX:%d] +++ RunWithPendingStateExitCode: %d", iContext, job->iPendingStateExitCode);
   if (job->iPendingStateExitCode != 0) {
-    if (jobAddArg_str(job, "-d") == 0) jobAddArg_int(job, job->iPendingStateExitCode);
+    // A failed allocation is traced where it failed; the run goes on without the code.
+    if (jobAddArg_str(job, "-d") == 0) static_cast<void>(jobAddArg_int(job, job->iPendingStateExitCode));
     // No custom kill program for a run that only reports.
     job->stopJobExecutable.clear();
     job->PID = runjob(job);

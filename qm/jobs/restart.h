@@ -11,7 +11,7 @@
 /// and the burst (within the window, when one is set) allows it; each
 /// decision goes to the exit log. The new pid when started again, 0 when
 /// not, -1 when the start failed.
-int32_t JobRestart(Job* job, int64_t exit_code);
+[[nodiscard]] int32_t JobRestart(Job* job, int64_t exit_code);
 /// Walk callback over jobs: iPendingStateExitCode := atoi(text).
 void SetPendingStateExitCode(Node* job, void* text, void*);
 /// Runs a job that never ran once with "-d" and its pending-state exit code,

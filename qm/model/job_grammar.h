@@ -50,7 +50,7 @@ inline constexpr int kParseNoExecutableCheck = 1;
 /// the text after "--" (trimmed, "" when none); follow_up_marker is stored
 /// only. 0 success; -1 parse error with the message in error; -2 when the
 /// text does not begin with "-" (the caller uses the legacy grammar).
-int ParseArgs(Query* q, const char* optstring, JobArgs* args, char* error, std::size_t error_size,
+[[nodiscard]] int ParseArgs(Query* q, const char* optstring, JobArgs* args, char* error, std::size_t error_size,
               char (&follow_up)[2048], int follow_up_marker, int options);
 
 /// A new job from the query (a submit request), or null with the message in
@@ -58,27 +58,27 @@ int ParseArgs(Query* q, const char* optstring, JobArgs* args, char* error, std::
 /// the new job is its follow-up job. A follow-up text in the query makes
 /// the follow-up chain (pFollowUpJob) and replaces q->szCmdArgs. On success
 /// error may hold the message of a tolerated follow-up parse failure.
-Job* CreateJob(Query* q, Job* previous, char* error, std::size_t error_size);
+[[nodiscard]] Job* CreateJob(Query* q, Job* previous, char* error, std::size_t error_size);
 
 /// CreateJob for the legacy positional grammar:
 /// [-G n=v,...] time date priority name executable args... [-- follow-up].
-Job* CreateJobOld(Query* q, Job* previous, char* error, std::size_t error_size);
+[[nodiscard]] Job* CreateJobOld(Query* q, Job* previous, char* error, std::size_t error_size);
 
 /// Removes enclosing quotes and makes a relative path absolute below
 /// gszBinDir ("%s/%s"); the buffer keeps the result either way. 0 when the
 /// file opens for reading, else 1 and "Executable [%s] does not exist" with
 /// the path as given.
-int check_or_update_executable(char* path, std::size_t path_size, char* error, std::size_t error_size);
+[[nodiscard]] int check_or_update_executable(char* path, std::size_t path_size, char* error, std::size_t error_size);
 
 /// Applies a job_set text ("T:W:E:p:") to a waiting job: priority only when
 /// -p is given; start, wait and end time always (absent means at once / not
 /// set); restart conditions emptied. 0, or 1 with the message in error.
-int JobModify(Query* q, Job* job, char* error, std::size_t error_size);
+[[nodiscard]] int JobModify(Query* q, Job* job, char* error, std::size_t error_size);
 
 /// Fills tm from a time text: "", "\"\"", "now", "now now", "0" are now;
 /// else the first of the built-in formats that consumes the whole text, with
 /// the fields it does not carry taken from now. 0, or 1 when no format matched.
-int extractTime(const char* text, struct tm* tm);
+[[nodiscard]] int extractTime(const char* text, struct tm* tm);
 
 /// The first format of the null-terminated list (null: the built-in list)
 /// that consumes the whole text, with tm filled by it; null when none does

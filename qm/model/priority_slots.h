@@ -34,4 +34,4 @@ std::string PrioritySlotPrint(const List* slots);
 int StringContainsPrioritySlots(const char* text);
 /// Parses the "-p" options of a job-limit request into limits; 0 done or not
 /// applicable, 1 on a malformed value (the client has been answered).
-int ParseQueueArgs(int skip, Query* q, QueueJobLimits* limits);
+[[nodiscard]] int ParseQueueArgs(int skip, Query* q, QueueJobLimits* limits);

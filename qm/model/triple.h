@@ -50,17 +50,17 @@ const char* szQueState(int state);
 /// A new resource queue for the resource text "[share_]name[@server]", idle,
 /// unallocated ("*"), wanting a job, with the triple's allocation mode and
 /// a copy of the limits' priority slots; null when memory is exhausted.
-Queue* CreateResourceQue(QueueTriple* triple, std::string_view resource_text, Counter* counter,
+[[nodiscard]] Queue* CreateResourceQue(QueueTriple* triple, std::string_view resource_text, Counter* counter,
                          const QueueJobLimits* limits);
 /// A new, empty triple of that name and kind (2 ordinary, 1 the admin
 /// triple, which gets an empty terminating queue), not yet in any list;
 /// null when it cannot be allocated.
-QueueTriple* NewQueTriple(std::string_view name, char que_type);
+[[nodiscard]] QueueTriple* NewQueTriple(std::string_view name, char que_type);
 /// A new triple with its resource queues (resources: "" for the single
 /// resource "single", else "a/b/..."), appended to Root. Null when it
 /// cannot be allocated; *failed_queues set when a resource queue could not
 /// be made.
-QueueTriple* CreateQueTriple(std::string_view name, std::string_view resources, Counter* counter,
+[[nodiscard]] QueueTriple* CreateQueTriple(std::string_view name, std::string_view resources, Counter* counter,
                              const QueueJobLimits* limits, bool* failed_queues);
 /// Splits "[share_]resource[@server]" (the server keeps its "@"); always 1.
 int getResourceNames(std::string_view resource_text, std::string* share, std::string* resource,

@@ -19,7 +19,7 @@
 /// that is no FIFO, is refused at once with a trace line and never written
 /// to. Returns the descriptor (close-on-exec) or -1 with errno kept (ELOOP
 /// for a link, EINVAL for no FIFO).
-int iOpen_From_QM_Pipe(long pid);
+[[nodiscard]] int iOpen_From_QM_Pipe(long pid);
 /// Called first in a forked answer writer: its timers get no slack, so that
 /// the pause before opening the client's pipe is the 10 microseconds asked
 /// for rather than the default slack's 60. Not for the daemon, whose jobs

@@ -27,8 +27,8 @@ TEST(ExitLogTest, CreationAndEndGiveOneExactRecordEachAndNothingAtLevelZero) {
   job->SubmitTime = QMTime{2026, 5, 13, 10, 11, 2};
   job->pFullCommand = new std::string("-j nightly /opt/bin/backup -f x");
   job->file_name = "/opt/bin/backup";
-  jobAddArg_str(job, "-f");
-  jobAddArg_str(job, "x y");
+  ASSERT_EQ(jobAddArg_str(job, "-f"), 0);
+  ASSERT_EQ(jobAddArg_str(job, "x y"), 0);
   JobCreatedKdQmExitLog(job);
   job->StartTime = QMTime{2026, 5, 13, 10, 12, 0};
   strLocalLog.iLogLevel = 0;

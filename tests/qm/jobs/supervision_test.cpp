@@ -137,7 +137,7 @@ TEST_F(JobProcessTest, SignalDeathRestartsOnCode142ExecFailureEndsWith127AndFoll
 TEST_F(JobProcessTest, FourHundredArgumentsKeepTheLastInEntry309AndWarnOnce) {
   inst_.write_glbv("gv_prot", File("prot.log"));
   Job* job = ArgsWriter("out");
-  for (int i = 3; i <= 400; ++i) jobAddArg_str(job, ("a" + std::to_string(i)).c_str());
+  for (int i = 3; i <= 400; ++i) ASSERT_EQ(jobAddArg_str(job, ("a" + std::to_string(i)).c_str()), 0);
   ASSERT_EQ(job->arg_count, 400);
   Start(job);
   const std::string prot = ReadFile(File("prot.log"));

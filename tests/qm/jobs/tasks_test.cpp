@@ -53,7 +53,8 @@ TEST(WaitJobToTerminateTest, WaitsOnExecutingJobsAndTheQmAdminTerminatingQueueOn
   CopyCut(gszQmDir, inst.qm());
   InitRootLists();
   QueueJobLimits limits;
-  for (const char* name : {"q1", "qm_admin", "qu_admin"}) CreateQueTriple(name, "r1", nullptr, &limits, nullptr);
+  for (const char* name : {"q1", "qm_admin", "qu_admin"})
+    ASSERT_NE(CreateQueTriple(name, "r1", nullptr, &limits, nullptr), nullptr);
   const auto place = [](List* list, int64_t pid) {
     auto* job = new Job{};
     job->PID = pid;
