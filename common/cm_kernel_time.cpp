@@ -93,7 +93,7 @@ bool apply_shift(const char* command, struct tm* tm) {
 
 struct TimeNotation {
   const char* pattern;
-  const char* trace_format;
+  TraceFormat<> trace_format;  ///< checked when the table is built
 };
 
 constexpr std::array<TimeNotation, 4> kTimeNotations{{

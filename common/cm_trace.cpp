@@ -516,7 +516,7 @@ void v_set_log_mover(str_log* rec, const char* new_name) {
   CopyCut(strLocalLog.szLogFile, path);
 }
 
-void trace(const char* format, ...) {
+void trace_unchecked(const char* format, ...) {
   if (format == nullptr) return;
   const bool prefixed = format[0] == '%' && format[1] == 'l' && format[2] != '\0' && format[3] == ' ';
   char x = 0;

@@ -1,11 +1,15 @@
 // Trace log: the per-module diagnostic log of every program of the server.
 //
 // `trace` writes levelled messages ("%l3 text": a percent sign, the letter l,
-// one level character and a blank) to the process's local log record;
+// one level character and a blank) to the process's local log record, its
+// format checked against its arguments at compile time;
 // `WRITE_TRACE` writes one line to a given record whatever the level.
 #pragma once
 
 #include <cstdio>
+#include <type_traits>
+
+#include "cm_trace_format.h"
 
 /// The log record; one per log, owned by the caller (usually a global).
 struct str_log {
@@ -55,8 +59,16 @@ int log_check(const char* name);
 
 /// Writes a levelled message to strLocalLog. The format carries the level
 /// prefix ("%l0 ", "%l3 ", "%l+ ", "%l* "), so it is no plain printf format
-/// and gets no format checking; messages above the level are not formatted.
-void trace(const char* format, ...);
+/// and the compiler's format checking cannot see it; messages above the
+/// level are not formatted. For a format known only at run time.
+void trace_unchecked(const char* format, ...);
+
+/// trace_unchecked with the format checked against the arguments at compile
+/// time (cm_trace_format.h): a mismatch is a compile error at the call.
+template <class... Args>
+void trace(std::type_identity_t<TraceFormat<Args...>> format, Args... args) {
+  trace_unchecked(format.text, args...);
+}
 
 /// trace("%s", text).
 void trace_ln(const char* text);

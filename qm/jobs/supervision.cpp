@@ -105,10 +105,12 @@ void JobControl(Node* node, void* queue_arg, void*) {
   int status = 0;
   if (ReapJob(job->PID, &status) == static_cast<pid_t>(job->PID)) {
     // No grandchild may outlive its job.
-    if (KillGroup(job->PID, SIGKILL) != 0)
-      trace(errno == ESRCH ? "%l3 [CTX:%d] JobControl: Can't kill the process"
-                           : "%l1 [CTX:%d] JobControl: Can't kill the process",
-            iContext);
+    if (KillGroup(job->PID, SIGKILL) != 0) {
+      if (errno == ESRCH)
+        trace("%l3 [CTX:%d] JobControl: Can't kill the process", iContext);
+      else
+        trace("%l1 [CTX:%d] JobControl: Can't kill the process", iContext);
+    }
 
     int32_t restarted = 0;
     int exit_code = 0;

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -68,6 +69,38 @@ class TraceTest : public ::testing::Test {
   str_log log;
 };
 
+// The compile-time check of trace formats: the level prefix is skipped as
+// trace skips it, and the arguments must have the types g++'s -Wformat wants.
+enum Unscoped : int { kUnscoped };
+enum class Scoped : int { kScoped };
+// Prefix (any character after "%l", then a blank), %%, too few and too many arguments.
+static_assert(TraceFormatMatches<>("+++ runjob") && TraceFormatMatches<>("%l3 100%% done") &&
+              TraceFormatMatches<int>("%l+ %d") && TraceFormatMatches<int>("%ld %d"));
+static_assert(!TraceFormatMatches<>("%l10 hello") && !TraceFormatMatches<>("%l2") && !TraceFormatMatches<>("%l2 %d") &&
+              !TraceFormatMatches<int, int>("%l2 %d"));
+// Integers of each length; signed and unsigned alike.
+static_assert(TraceFormatMatches<char, bool, short, unsigned, Unscoped>("%c %d %hd %x %i") &&
+              TraceFormatMatches<signed char, unsigned char>("%hhd %02hhu") &&
+              TraceFormatMatches<long, unsigned long, long long>("%l2 %ld %6lu %lld") &&
+              TraceFormatMatches<std::size_t, ssize_t, std::intmax_t, std::ptrdiff_t>("%zu %zd %jd %td"));
+static_assert(!TraceFormatMatches<long>("%d") && !TraceFormatMatches<int>("%ld") &&
+              !TraceFormatMatches<long long>("%ld") && !TraceFormatMatches<Scoped>("%d") &&
+              !TraceFormatMatches<double>("%d"));
+// Floating point, strings, pointers; '*' takes an int.
+static_assert(TraceFormatMatches<float, double, long double>("%3.2f %le %Lg") &&
+              TraceFormatMatches<char*, const char*, unsigned char*>("%s %-17s %.3s") &&
+              TraceFormatMatches<int*, const char*, std::nullptr_t>("%p %p %p") &&
+              TraceFormatMatches<int, const char*, int, char>("%.*s %*c"));
+static_assert(!TraceFormatMatches<long double>("%f") && !TraceFormatMatches<int>("%f") &&
+              !TraceFormatMatches<int*>("%s") && !TraceFormatMatches<std::nullptr_t>("%s") &&
+              !TraceFormatMatches<int>("%p") && !TraceFormatMatches<long, const char*>("%.*s") &&
+              !TraceFormatMatches<const char*>("%*s"));
+// Flags, precisions and lengths a conversion does not take; %n; unknown conversions; a '%' at the end.
+static_assert(!TraceFormatMatches<int>("%+u") && !TraceFormatMatches<int>("%#d") &&
+              !TraceFormatMatches<const char*>("%05s") && !TraceFormatMatches<int>("%.2c") &&
+              !TraceFormatMatches<int>("%hf") && !TraceFormatMatches<int>("%Ld") && !TraceFormatMatches<int*>("%n") &&
+              !TraceFormatMatches<int>("%k") && !TraceFormatMatches<int>("%1$d") && !TraceFormatMatches<>("%l2 50%"));
+
 }  // namespace
 
 TEST_F(TraceTest, LevelsPrefixesStandardErrorAndAnInvalidHandle) {
@@ -75,13 +108,15 @@ TEST_F(TraceTest, LevelsPrefixesStandardErrorAndAnInvalidHandle) {
   CopyCut(strLocalLog.szLogFile, path);  // strLocalLog alone, without any configuration
   const std::string err = CaptureFd(2, [] {
     strLocalLog.iLogLevel = 4;
-    for (const char* format : {"%l5 five", "%l4 four", "%l3 three", "%l2 two", "%l1 one", "%l* star", "%l9 nine"})
+    using F = TraceFormat<>;
+    for (F format : {F("%l5 five"), F("%l4 four"), F("%l3 three"), F("%l2 two"), F("%l1 one"), F("%l* star"),
+                     F("%l9 nine")})
       trace(format);
     // Formats without a valid level prefix need level 2 and stay unprefixed.
     strLocalLog.iLogLevel = 1;
     trace("plain %d", 7);
     strLocalLog.iLogLevel = 2;
-    trace("%l10 hello");
+    trace_unchecked("%l10 hello");  // no level prefix, and no valid printf format either
     trace_ln("a %s text");
     // Level 0 errors and "+" notices go to standard error as well.
     strLocalLog.iLogLevel = 0;
