@@ -27,18 +27,21 @@ using Clock = std::chrono::steady_clock;
 constexpr int kClients = 20;
 constexpr int kQueues = 4;
 
-/// $1 the file that collects the pids of every run, $2 the exit code; $3
-/// "bg" leaves a grandchild in the job's group, "slow" makes the run last.
-constexpr const char* kTinyJob =
-    "#!/bin/sh\necho $$ >> \"$1\"\ncase \"$3\" in bg) /bin/sleep 60 & ;; slow) /bin/sleep 0.3 ;; esac\nexit $2\n";
-
 #if defined(__SANITIZE_ADDRESS__)
 // Every answer forks the daemon, and a sanitized daemon is a large process
-// to fork: a fifth of the load keeps the run within its time limit.
+// to fork: a fifth of the load keeps the run within its time limit, and a
+// slow run lasts until the request that follows its submit has come.
 constexpr int kDefaultJobs = 1000;
+constexpr const char* kSlowRun = "3";
 #else
 constexpr int kDefaultJobs = 5000;
+constexpr const char* kSlowRun = "0.3";
 #endif
+
+/// $1 the file that collects the pids of every run, $2 the exit code; $3
+/// "bg" leaves a grandchild in the job's group, "slow" makes the run last.
+const std::string kTinyJob = std::string("#!/bin/sh\necho $$ >> \"$1\"\ncase \"$3\" in bg) /bin/sleep 60 & ;; ") +
+                             "slow) /bin/sleep " + kSlowRun + " ;; esac\nexit $2\n";
 
 /// The daemon's open descriptors (what each names, for the report) and resident memory.
 struct Usage {
@@ -227,8 +230,8 @@ TEST_F(SoakTest, ManyClientsManyJobsAndEverythingIsAccountedFor) {
   EXPECT_LE(after.rss_kb, before.rss_kb + 256) << "resident memory grew";
 #endif
   std::cout << "soak: " << jobs << " submissions, " << requests_.load() << " requests, " << runs << " job runs, "
-            << accepted_.size() << " jobs accepted, daemon fds " << before.fds.size() << " -> " << after.fds.size() << ", RSS "
-            << before.rss_kb << " kB -> " << after.rss_kb << " kB, " << elapsed << " s\n";
+            << accepted_.size() << " jobs accepted, daemon fds " << before.fds.size() << " -> " << after.fds.size()
+            << ", RSS " << before.rss_kb << " kB -> " << after.rss_kb << " kB, " << elapsed << " s\n";
 }
 
 }  // namespace
