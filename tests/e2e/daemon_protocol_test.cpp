@@ -49,7 +49,8 @@ TEST_F(DaemonProtocolTest, OverlongLinesAreRefusedAndTheirRestDropped) {
   // Behind the cut at 2046 characters the line looks like a request of its own.
   ASSERT_TRUE(hidden->CreatePipe() && hidden->OpenForAnswer());
   const std::string tail = "26 " + std::to_string(hidden->id()) + " tail";
-  EXPECT_EQ(client->AskLine(head + std::string(2046 - head.size(), 'x') + tail + std::string(3000, 'y')).text, kTooLong);
+  EXPECT_EQ(client->AskLine(head + std::string(2046 - head.size(), 'x') + tail + std::string(3000, 'y')).text,
+            kTooLong);
   EXPECT_EQ(Ask(process_signal).text, kProcessed);
   EXPECT_FALSE(hidden->AnythingArrived());
   EXPECT_EQ(TraceLog().find("pid " + std::to_string(hidden->id())), std::string::npos);

@@ -89,7 +89,8 @@ TEST_F(KdQmProgramWithoutDaemonTest, NoConfigurationIsReported) {
   const ProcessResult r = Run("kd_qm", {"process_signal"});
   setenv("KD_INI", instance().bootstrap().c_str(), 1);
   EXPECT_EQ(r.exit_code, KD_QM_EXIT_UNREACHABLE);
-  EXPECT_EQ(r.err, "kd_qm: gv_rw_qm is not defined in section [Pathes] of the configuration (KD_INI=" + missing + ")\n");
+  EXPECT_EQ(r.err,
+            "kd_qm: gv_rw_qm is not defined in section [Pathes] of the configuration (KD_INI=" + missing + ")\n");
 }
 
 // A reader that takes the request and never answers: the alarm ends the wait.

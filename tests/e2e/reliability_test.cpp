@@ -5,6 +5,7 @@
 // expand, and SIGTERM and the shutdown request with jobs running.
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <string>
@@ -30,7 +31,8 @@ class ReliabilityTest : public SharedDaemonTest<1> {
     SharedDaemonTest::SetUp();
     // Kill programs for the job named $6 (behind "-j"), in the job directory
     // "kill_<name>": one hangs ignoring SIGINT, one fails at once.
-    const std::string head = "#!/bin/sh\ntrap '' INT\nd=" + Dir("kill_") + "$6\nmkdir -p \"$d\"\necho \"$@\" > \"$d/args\"\n";
+    const std::string head =
+        "#!/bin/sh\ntrap '' INT\nd=" + Dir("kill_") + "$6\nmkdir -p \"$d\"\necho \"$@\" > \"$d/args\"\n";
     WriteFile(instance().bin() + "hang.sh", head + "echo $$ > \"$d/job.pid\"\nwhile :; do /bin/sleep 0.05; done\n",
               0755);
     WriteFile(instance().bin() + "fail.sh", head + "exit 3\n", 0755);
@@ -62,7 +64,7 @@ TEST_F(ReliabilityTest, StubbornJobsAndHangingOrFailingKillProgramsEndBySigkill)
   ASSERT_TRUE(WaitFor([&] { return !Args("kill_fail").empty(); }, 10s));
   const long hang = Pid("kill_hang");
   ASSERT_GT(hang, 1);
-  EXPECT_TRUE(Driven([&] { return GroupGone(pids[0]) && GroupGone(pids[1]) && GroupGone(pids[2]) && GroupGone(hang); }));
+  EXPECT_TRUE(Driven([&] { return std::all_of(pids.begin(), pids.end(), GroupGone) && GroupGone(hang); }));
   for (std::size_t i = 0; i < jobs.size(); ++i) {
     const RawAnswer a = clients[i]->ReadAnswer(10s);
     EXPECT_TRUE(a.complete) << jobs[i];
@@ -178,7 +180,8 @@ TEST_F(ReliabilityTest, JobsRunWithoutALogDirectoryAndTracingResumesOnceItIsBack
 TEST_F(ReliabilityTest, JobWordsReachTheProgramUnexpanded) {
   ASSERT_EQ(Ask(queue_init, "words 1").text, kInitialised);
   const std::string marker = instance().root() + "/expanded";
-  const std::string words = "$(touch${IFS}" + marker + ") `touch${IFS}" + marker + "`;touch${IFS}" + marker + " * $HOME";
+  const std::string touch = "touch${IFS}" + marker;
+  const std::string words = "$(" + touch + ") `" + touch + "`;" + touch + " * $HOME";
   Release("a");
   Entry(Ask(queue_submit, "words -j a job.sh " + Dir("a") + " " + words).text);
   EXPECT_TRUE(Ended("a"));

@@ -150,7 +150,8 @@ TEST_F(SchedulingTest, AJobForAllResourcesStartsOnceWithThePairOfEach) {
   const std::string e = Entry(Submit("sync//all", "sync"));
   ASSERT_TRUE(Started("sync"));
   EXPECT_EQ(Args("sync"), Dir("sync") + " -d a -d b -d c\n");
-  EXPECT_TRUE(WaitForTrace("[CTX:" + e + "] now all resource queues are synchronized, reset state of resource queues to idle"));
+  EXPECT_TRUE(WaitForTrace("[CTX:" + e +
+                           "] now all resource queues are synchronized, reset state of resource queues to idle"));
   Release("sync");
   ASSERT_TRUE(Ended("sync"));
   Entry(Submit("sync", "next"));
@@ -198,9 +199,11 @@ TEST_F(SchedulingTest, RestartsThenFollowUpAndTheExitLog) {
   EXPECT_EQ(Args("a"), a_run + "\n" + a_run + "\n" + a_run + "\n" + a_run + "\n");
   EXPECT_EQ(Args("b"), Dir("b") + " -i 3 -d r -- job.sh " + a_run + "\n");
   const std::string exe = "\"" + instance().bin() + "/job.sh\" ";
-  const std::string a_end = ctx + "PID:n;name:a;submit:T;start:T;Job exited with status [exit code: 3];" + exe + a_run + ";";
+  const std::string a_end =
+      ctx + "PID:n;name:a;submit:T;start:T;Job exited with status [exit code: 3];" + exe + a_run + ";";
   std::vector<std::string> expected{ctx + "name:a;submit:T;start:00-00-00 00:00:00;command: " + command};
-  for (int restart = 0; restart < 3; ++restart) expected.insert(expected.end(), {a_end, ctx + "PID:n;name:aJob restart"});
+  for (int restart = 0; restart < 3; ++restart)
+    expected.insert(expected.end(), {a_end, ctx + "PID:n;name:aJob restart"});
   expected.insert(expected.end(),
                   {a_end, ctx + "PID:n;name:aJob not restarted - job restarts too often (too many restarts)",
                    ctx + "PID:n;name:b;submit:T;start:T;Job exited with status [exit code: 0];" + exe + Dir("b") +
@@ -216,7 +219,8 @@ TEST_F(SchedulingTest, RestartsThenFollowUpAndTheExitLog) {
 // time is stopped gracefully.
 TEST_F(SchedulingTest, LatestStartAndEndTimesExpireJobs) {
   ASSERT_EQ(Ask(queue_init, "exp 1").text, kInitialised);
-  const std::string first = "CTX:" + Entry(Submit("exp", "first", "-E " + In(3))) + ";PID:n;name:first;submit:T;start:T;";
+  const std::string first =
+      "CTX:" + Entry(Submit("exp", "first", "-E " + In(3))) + ";PID:n;name:first;submit:T;start:T;";
   ASSERT_TRUE(Started("first"));
   for (const std::string job : {"w", "e"}) Release(job);
   Entry(Submit("exp", "w", "-W " + In(2)));

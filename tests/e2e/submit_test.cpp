@@ -28,7 +28,8 @@ TEST_F(SubmitTest, RefusalsAnswerExactlyAndQueueNothing) {
            {"ref/Y/r", "2STATUS=ERROR MSG=Resource [r] has allocation string [X] while your allocation string is [Y]. "
                        "Only jobs with allocation string X can utilise it.\n"}})
     EXPECT_EQ(Submit(queue, "n"), answer) << queue;
-  EXPECT_EQ(Ask(queue_submit, "ref -j n missing.sh").text, "2STATUS=ERROR MSG=Executable [missing.sh] does not exist\n");
+  EXPECT_EQ(Ask(queue_submit, "ref -j n missing.sh").text,
+            "2STATUS=ERROR MSG=Executable [missing.sh] does not exist\n");
   EXPECT_TRUE(NotStarted("n"));
   EXPECT_TRUE(Ended("before"));
   EXPECT_EQ(Counts("ref"), "pending=0\tholding=0\tjob_limit: 1/1");
