@@ -1,12 +1,11 @@
 // Faults around the running daemon: clients that never read, signals to its
-// answer writers, the request pipe removed under it, the pass
-// on an alarm, and SIGINT to the daemon (SIGTERM, with jobs running, is in
+// answer writers, the request pipe removed under it, the pass on an alarm,
+// and SIGINT to the daemon (SIGTERM, with jobs running, is in
 // reliability_test.cpp).
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <vector>
 
 #include "daemon_fixture.h"
@@ -17,30 +16,19 @@ namespace {
 
 using std::chrono::seconds;
 
-const std::string kProcessed = "0STATUS=SUCCESS MSG='process executing and pending jobs' done\n";
-
 std::size_t Count(const std::string& text, const std::string& what) {
   std::size_t n = 0;
   for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
   return n;
 }
 
-class DaemonFaultTest : public DaemonTest {
+/// At trace level 3 the signal handler's and the answer writers' lines are in the trace log.
+class DaemonFaultTest : public SharedDaemonTest<3> {
  protected:
-  int TraceLevel() const override { return 3; }
-
-  /// Children of the daemon that are still running (answer writers).
-  std::vector<pid_t> LiveWriters() const {
-    std::vector<pid_t> live;
-    const std::vector<pid_t> zombies = ChildrenOf(daemon_pid(), true);
-    for (pid_t p : ChildrenOf(daemon_pid(), false))
-      if (std::find(zombies.begin(), zombies.end(), p) == zombies.end()) live.push_back(p);
-    return live;
-  }
   /// The one answer writer running, once it is the only one.
   pid_t OnlyWriter() const {
     std::vector<pid_t> writers;
-    return WaitFor([&] { return (writers = LiveWriters()).size() == 1; }, seconds(5)) ? writers[0] : -1;
+    return WaitFor([&] { return (writers = AnswerWriters(true)).size() == 1; }, seconds(5)) ? writers[0] : -1;
   }
   /// Waits until the daemon blocks in the read of its pipe with no answer writer
   /// left and every request it sent itself served.
@@ -48,8 +36,8 @@ class DaemonFaultTest : public DaemonTest {
     const std::string syscall = "/proc/" + std::to_string(daemon_pid()) + "/syscall";
     return WaitFor(
         [&] {
-          const std::string log = TraceLog();
-          return ChildrenOf(daemon_pid(), false).empty() &&
+          const std::string log = TraceLog(true);
+          return AnswerWriters().empty() &&
                  Count(log, "sig_handler: Command: 26 0") == Count(log, "Info: query: 26 0") &&
                  ReadFile(syscall).rfind(std::to_string(SYS_read) + " ", 0) == 0;
         },
@@ -64,9 +52,9 @@ class DaemonFaultTest : public DaemonTest {
   }
 };
 
-TEST_F(DaemonFaultTest, ClientsThatNeverReadAndSignalledAnswerWritersDoNotBlockTheDaemon) {
-  // A client that never opens its answer pipe (one that has gone away leaves
-  // its writer in the same place: a FIFO without a reader).
+// A client that never opens its answer pipe (one that has gone away leaves
+// its writer in the same place: a FIFO without a reader).
+TEST_F(DaemonFaultTest, AClientThatNeverReadsDoesNotBlockTheDaemon) {
   auto silent = RequestWithoutReader();
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(Ask(process_signal).text, kProcessed);
@@ -75,11 +63,13 @@ TEST_F(DaemonFaultTest, ClientsThatNeverReadAndSignalledAnswerWritersDoNotBlockT
   EXPECT_TRUE(WaitForTrace("ERROR: Can't open from_qm pipe " + silent->answer_pipe() + " (6)"));
   EXPECT_TRUE(WaitForTrace("open( [" + silent->answer_pipe() +
                            "], ... ) returned (6): No such device or address (retry 20/20)"));
-  EXPECT_TRUE(WaitFor([&] { return LiveWriters().empty(); }, seconds(10)));
+  EXPECT_TRUE(WaitFor([&] { return AnswerWriters(true).empty(); }, seconds(10)));
   EXPECT_TRUE(WaitNoZombies());
   EXPECT_TRUE(WaitForTrace("exited with 1"));
+}
 
-  // A writer ignores SIGTERM and SIGINT and still delivers; one killed is reaped.
+// A writer ignores SIGTERM and SIGINT and still delivers; one killed is reaped.
+TEST_F(DaemonFaultTest, SignalledAnswerWritersDeliverOrAreReaped) {
   auto waiting = RequestWithoutReader();
   const pid_t writer = OnlyWriter();
   ASSERT_GT(writer, 0);
@@ -100,11 +90,11 @@ TEST_F(DaemonFaultTest, ClientsThatNeverReadAndSignalledAnswerWritersDoNotBlockT
   EXPECT_EQ(Ask(process_signal).text, kProcessed);
 }
 
-TEST_F(DaemonFaultTest, AnAlarmBringsAPassAndASelfRequestRecreatesAVanishedPipeAndSigintEndsTheDaemon) {
-  // The daemon arms a 10-second alarm for every read; the test rings it at once,
-  // while the daemon waits in that read.
+// The daemon arms a 10-second alarm for every read; the test rings it at once,
+// while the daemon waits in that read.
+TEST_F(DaemonFaultTest, AnAlarmBringsAPassAndOneSelfRequest) {
   ASSERT_TRUE(WaitIdle());
-  std::size_t before = TraceLog().size();
+  const std::size_t before = TraceLog().size();
   daemon().Signal(SIGALRM);
   ASSERT_TRUE(WaitFor(
       [&] {
@@ -118,24 +108,31 @@ TEST_F(DaemonFaultTest, AnAlarmBringsAPassAndASelfRequestRecreatesAVanishedPipeA
       << TraceLog().substr(before);
   // Every run of the handler drops exactly one "26 0" into the pipe, and each is served once.
   EXPECT_TRUE(WaitIdle());
+}
 
+TEST_F(DaemonFaultTest, ARequestPipeRemovedUnderTheDaemonIsMadeAnew) {
+  ASSERT_TRUE(WaitIdle());
   ASSERT_EQ(unlink(RequestPipe().c_str()), 0);
-  before = TraceLog().size();
   daemon().Signal(SIGALRM);
   EXPECT_TRUE(WaitReady(seconds(15)));
-  std::string log = TraceLog().substr(before);
+  const std::string log = TraceLog();
   EXPECT_NE(log.find("sig_handler: errno ENOENT (2): No such file or directory"), std::string::npos);
   EXPECT_NE(log.find("ReadExecuteQuery: request pipe " + RequestPipe() + " has vanished, open it anew"),
             std::string::npos);
   EXPECT_NE(log.find("ReadExecuteQuery: recall mkfifo " + RequestPipe()), std::string::npos);
+}
 
-  before = TraceLog().size();
+/// SIGINT ends the daemon: a daemon of its own.
+class DaemonSigintTest : public DaemonTest {
+ protected:
+  int TraceLevel() const override { return 3; }
+};
+
+TEST_F(DaemonSigintTest, SigintEndsTheDaemonInItsHandlerAnsweringNobody) {
   daemon().Signal(SIGINT);
   ASSERT_TRUE(daemon().WaitExit(seconds(10)));
-  EXPECT_EQ(daemon().exit_code(), 1);
-  EXPECT_FALSE(Exists(RequestPipe()));
-  EXPECT_EQ(ReadFile(instance().work() + "sem/KD_QM_MAIN.sem"), "");
-  log = TraceLog().substr(before);
+  EXPECT_EQ(daemon().exit_code(), 1);  // its pipe and lock: as for SIGTERM (ShutdownWithJobsTest)
+  const std::string log = TraceLog();
   EXPECT_NE(log.find("sig_handler: signal 2 (SIGINT/SIGTERM) received in " + std::to_string(daemon_pid()) +
                      " send by " + std::to_string(getpid()) + "."),
             std::string::npos);

@@ -12,7 +12,6 @@ namespace {
 
 using std::chrono::seconds;
 
-const std::string kProcessed = "0STATUS=SUCCESS MSG='process executing and pending jobs' done\n";
 const std::string kTooLong = "2ERROR: query too long. Max length 1024";
 
 std::string InvalidMode(const std::string& mode) {
@@ -20,49 +19,53 @@ std::string InvalidMode(const std::string& mode) {
 }
 
 /// At trace level 3 the signal handler's lines are in the trace log.
-class DaemonProtocolTest : public DaemonTest {
- protected:
-  int TraceLevel() const override { return 3; }
-};
+using DaemonProtocolTest = SharedDaemonTest<3>;
 
-TEST_F(DaemonProtocolTest, InvalidModesAreRefusedAndPidZeroIsNeverAnswered) {
+// A mode word that is no number is mode 28 (invalid_mode).
+TEST_F(DaemonProtocolTest, InvalidModesAreRefused) {
   auto client = NewClient();
-  const std::string id = std::to_string(client->id());
-  EXPECT_EQ(Ask(qma_free_queue_resource_limit, "q1").text, InvalidMode("27"));
-  EXPECT_EQ(Ask(99, "q1").text, InvalidMode("99"));
-  for (const char* mode : {"abc", "7x", "99999999999999999999"})
-    EXPECT_EQ(client->AskLine(mode + (" " + id) + " q1").text, InvalidMode("28")) << mode;
-  EXPECT_EQ(client->AskLine("-1 " + id).text, InvalidMode("-1"));
+  const std::string id = " " + std::to_string(client->id());
+  for (const auto& [line, mode] : std::vector<std::pair<std::string, std::string>>{
+           {std::to_string(qma_free_queue_resource_limit) + id + " q1", "27"}, {"99" + id + " q1", "99"},
+           {"abc" + id + " q1", "28"}, {"7x" + id + " q1", "28"}, {"99999999999999999999" + id + " q1", "28"},
+           {"-1" + id, "-1"}})
+    EXPECT_EQ(client->AskLine(line).text, InvalidMode(mode)) << line;
+}
 
-  // pid 0 is the daemon's own request: executed, never answered.
-  ASSERT_TRUE(client->Send("26 0\n"));
+// pid 0 is the daemon's own request: executed, never answered.
+TEST_F(DaemonProtocolTest, PidZeroIsExecutedAndNeverAnswered) {
+  ASSERT_TRUE(NewClient()->Send("26 0\n"));
   EXPECT_EQ(Ask(process_signal, "ignored words").text, kProcessed);
   const std::string log = TraceLog();
   EXPECT_NE(log.find("Info: EXEC_REQUEST: pid 0: process_signal"), std::string::npos);
   EXPECT_EQ(log.find("+++ answer: pid 0 "), std::string::npos);
 }
 
-TEST_F(DaemonProtocolTest, OverlongGarbageAndBrokenLinesLeaveTheDaemonServing) {
-  auto client = NewClient();
-  auto hidden = NewClient();
+TEST_F(DaemonProtocolTest, OverlongLinesAreRefusedAndTheirRestDropped) {
+  auto client = NewClient(), hidden = NewClient();
   const std::string head = "26 " + std::to_string(client->id()) + " ";
   EXPECT_EQ(client->AskLine(head + std::string(1023 - head.size(), 'x')).text, kProcessed);
   EXPECT_EQ(client->AskLine(head + std::string(1024 - head.size(), 'x')).text, kTooLong);
   // Behind the cut at 2046 characters the line looks like a request of its own.
   ASSERT_TRUE(hidden->CreatePipe() && hidden->OpenForAnswer());
   const std::string tail = "26 " + std::to_string(hidden->id()) + " tail";
-  EXPECT_EQ(client->AskLine(head + std::string(2046 - head.size(), 'x') + tail + std::string(3000, 'y')).text, kTooLong);
-
-  for (const std::string& bytes :
-       {std::string("\xff\xfe\x01\x02 \x80\x81 \x7f\n"), std::string("\0\0\0\0\n", 5), std::string("26\0 17 x\n", 9),
-        std::string("      \n"), std::string("26 -5\n"), std::string(4000, '\x01') + "\n", "26  " + head + "\n"})
-    ASSERT_TRUE(client->Send(bytes));
+  EXPECT_EQ(client->AskLine(head + std::string(2046 - head.size(), 'x') + tail + std::string(3000, 'y')).text,
+            kTooLong);
   EXPECT_EQ(Ask(process_signal).text, kProcessed);
   EXPECT_FALSE(hidden->AnythingArrived());
-  const std::string log = TraceLog();
-  EXPECT_EQ(log.find("pid " + std::to_string(hidden->id())), std::string::npos);
-  EXPECT_NE(log.find("WARNING: rest of an overlong request dropped"), std::string::npos);
-  EXPECT_NE(log.find("Warning: WARNING: no pid read"), std::string::npos);
+  EXPECT_EQ(TraceLog().find("pid " + std::to_string(hidden->id())), std::string::npos);
+  EXPECT_TRUE(WaitForTrace("WARNING: rest of an overlong request dropped"));
+}
+
+TEST_F(DaemonProtocolTest, GarbageAndBrokenLinesLeaveTheDaemonServing) {
+  auto client = NewClient();
+  for (const std::string& bytes :
+       {std::string("\xff\xfe\x01\x02 \x80\x81 \x7f\n"), std::string("\0\0\0\0\n", 5), std::string("26\0 17 x\n", 9),
+        std::string("      \n"), std::string("26 -5\n"), std::string(4000, '\x01') + "\n",
+        "26  26 " + std::to_string(client->id()) + " \n"})
+    ASSERT_TRUE(client->Send(bytes));
+  EXPECT_EQ(Ask(process_signal).text, kProcessed);
+  EXPECT_TRUE(WaitForTrace("Warning: WARNING: no pid read"));
 }
 
 // Deliberate: after a line of one character the daemon waits for the next

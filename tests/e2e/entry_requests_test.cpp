@@ -1,11 +1,7 @@
 // The entry requests against the running daemon: delete, move and signal of
 // waiting and running jobs, with their exact answers and effects on the jobs.
-#include <signal.h>
-
-#include <cerrno>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
+#include <vector>
 
 #include "daemon_fixture.h"
 #include "protocol/request.h"
@@ -14,109 +10,99 @@ namespace kdtest {
 namespace {
 
 using namespace std::chrono_literals;
+using Cases = std::vector<std::pair<std::string, std::string>>;
 
-std::string Ok(const std::string& msg) { return "0STATUS=SUCCESS MSG=" + msg + "\n"; }
+const std::string kNoEntry = "1STATUS=WARNING MSG=No such entry 200000\n";  // far above any entry given out
 
-class EntryRequestsTest : public DaemonTest {
+class EntryRequestsTest : public SharedDaemonTest<1> {
  protected:
-  void SetUp() override {
-    DaemonTest::SetUp();
-    // $1 is the job's directory. A run with a number behind "-d" (the run
-    // with a pending-state exit code) records it and ends; a normal run waits
-    // for "go" and ends on SIGINT unless "stay" exists.
-    WriteFile(instance().bin() + "job.sh",
-              "#!/bin/sh\nmkdir -p \"$1\"\ncase \"$3\" in -[0-9]*|[0-9]*) echo \"$3\" > \"$1/code\"; exit 0;; esac\n"
-              "echo $$ > \"$1/job.pid\"\ntrap 'echo INT >> \"$1/sig\"; [ -e \"$1/stay\" ] || exit 3' INT\n"
-              "while [ ! -e \"$1/go\" ]; do /bin/sleep 0.05; done\n",
-              0755);
-  }
-  std::string Dir(const std::string& job) { return instance().root() + "/jobs/" + job; }
-  std::string Submit(const std::string& queue, const std::string& job, const std::string& options = "") {
-    return Ask(queue_submit, queue + " " + options + (options.empty() ? "" : " ") + "-j " + job + " job.sh " + Dir(job))
-        .text;
-  }
-  /// The job's pid once its script has written it whole, else 0.
-  long Pid(const std::string& job) {
-    long pid = 0;
-    WaitFor([&] { return (pid = std::atol(ReadFile(Dir(job) + "/job.pid").c_str())) > 0; }, 10s);
-    return pid;
-  }
-  bool Gone(const std::string& job) {
-    const long pid = Pid(job);
-    // Each request ends a serving phase, so the daemon's passes go on while we wait.
-    return WaitFor([&] {
-      if (pid > 0 && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) return true;
-      Ask(process_signal);
-      return false;
-    }, 15s);
-  }
-  bool FileIs(const std::string& path, const std::string& text) {
-    return WaitFor([&] { return ReadFile(path) == text; }, 10s);
-  }
-  std::string Counts(const std::string& queue) {
-    const std::string view = Ask(queue_sho_status, queue).text;
-    const std::size_t at = view.find("pending=");
-    return at == std::string::npos ? view : view.substr(at, view.find('\n', at) - at);
+  /// Waits until the job's args are the text.
+  bool ArgsAre(const std::string& job, const std::string& text) {
+    return WaitFor([&] { return Args(job) == text; }, 10s);
   }
 };
 
-// Jobs moved with their job limits; waiting jobs deleted or signalled run
-// once with the code; a running job's group gets the signal, or is stopped
-// hard after the timeout given.
-TEST_F(EntryRequestsTest, MoveDeleteAndSignalWaitingAndRunningJobs) {
-  for (const std::string q : {"q1/r 1", "q2/x 1", "q3 0"}) ASSERT_EQ(Ask(queue_init, q).text, Ok("Queue initialised"));
-  ASSERT_EQ(Submit("q1", "a"), Ok("1"));
-  ASSERT_EQ(Submit("q1", "b"), Ok("2"));
-  ASSERT_EQ(Submit("q1", "c", "-T 2099-01-01_00:00"), Ok("3"));
-  const long a = Pid("a");
-  ASSERT_GT(a, 0);
+// Jobs move with their job limits: a held one to the holding queue, a pending
+// one to the pending queue, a running one onto a resource queue, whose place
+// it frees when it ends.
+TEST_F(EntryRequestsTest, MoveTakesEachJobToItsPlaceInTheOtherQueue) {
+  for (const std::string q : {"mv1/r 1", "mv2/x 1", "mv3 0"}) ASSERT_EQ(Ask(queue_init, q).text, kInitialised);
+  const std::string a = Entry(Submit("mv1", "a"));
+  const std::string b = Entry(Submit("mv1", "b"));
+  const std::string c = Entry(Submit("mv1", "c", "-T 2099-01-01_00:00"));
+  ASSERT_TRUE(Started("a"));
+  for (const auto& [args, answer] : Cases{
+           {"200000 mv2", kNoEntry},
+           {a, "1Wrong arguments\n"},
+           {a + " nope", NoQueue("nope")},
+           {a + " mv2/zz", "2STATUS=ERROR MSG=Target resource queue zz does not exist\n"},
+           {a + " mv3", "2STATUS=ERROR MSG=Target resource queue single is full\n"},
+           {c + " mv2", Ok("Job " + c + " moved to holding sub queue of queue mv2")},
+           {b + " mv3", Ok("Job " + b + " moved to pending sub queue of queue mv3")},
+           {a + " mv2", Ok("Job " + a + " moved to resource queue x of queue mv2")}})
+    EXPECT_EQ(Ask(queue_move_entry, args).text, answer) << args;
+  EXPECT_EQ(Counts("mv1"), "pending=0\tholding=0\tjob_limit: 1/1");
+  EXPECT_EQ(Counts("mv2"), "pending=0\tholding=1\tjob_limit: 0/1");
+  EXPECT_EQ(Counts("mv3"), "pending=1\tholding=0\tjob_limit: 0/0");
+  Release("a");
+  EXPECT_TRUE(Ended("a"));
+  EXPECT_TRUE(Driven([&] { return Counts("mv2") == "pending=0\tholding=1\tjob_limit: 1/1"; }));
+}
 
-  EXPECT_EQ(Ask(queue_move_entry, "99 q2").text, "1STATUS=WARNING MSG=No such entry 99\n");
-  EXPECT_EQ(Ask(queue_move_entry, "1").text, "1Wrong arguments\n");
-  EXPECT_EQ(Ask(queue_move_entry, "1 nope").text, "1STATUS=WARNING MSG=A queue with name [nope] does not exist\n");
-  EXPECT_EQ(Ask(queue_move_entry, "1 q2/zz").text, "2STATUS=ERROR MSG=Target resource queue zz does not exist\n");
-  EXPECT_EQ(Ask(queue_move_entry, "1 q3").text, "2STATUS=ERROR MSG=Target resource queue single is full\n");
-  EXPECT_EQ(Ask(queue_move_entry, "3 q2").text, Ok("Job 3 moved to holding sub queue of queue q2"));
-  EXPECT_EQ(Ask(queue_move_entry, "2 q3").text, Ok("Job 2 moved to pending sub queue of queue q3"));
-  EXPECT_EQ(Ask(queue_move_entry, "1 q2").text, Ok("Job 1 moved to resource queue x of queue q2"));
-  EXPECT_EQ(Counts("q1"), "pending=0\tholding=0\tjob_limit: 1/1");
-  EXPECT_EQ(Counts("q2"), "pending=0\tholding=1\tjob_limit: 0/1");
-  EXPECT_EQ(Counts("q3"), "pending=1\tholding=0\tjob_limit: 0/0");
-
-  std::filesystem::create_directories(Dir("e"));
-  WriteFile(Dir("e") + "/stay", "");  // e ignores SIGINT: only SIGKILL ends it
-  ASSERT_EQ(Submit("q1", "e", "-S 1/0"), Ok("4"));
-  ASSERT_EQ(Submit("q2", "d", "-T 2099-01-01_00:00"), Ok("5"));
-  ASSERT_GT(Pid("e"), 0);
-  EXPECT_EQ(Ask(queue_del_entry, "1 -o not_executing").text,
-            "2STATUS=ERROR MSG=Job not found on holding or pending queue\n");
-  EXPECT_EQ(Ask(queue_del_entry, "1 -K none").text,
-            "1STATUS=ERROR MSG=Operation failed. -K requires -e to be specified.\n");
-  EXPECT_EQ(Ask(queue_del_entry, "99").text, "1STATUS=WARNING MSG=No such entry 99\n");
-  // The holding job with its default code -2, the pending one with -e 7.
-  EXPECT_EQ(Ask(queue_del_entry, "3").text, Ok("Job start time expired: -2"));
-  EXPECT_TRUE(FileIs(Dir("c") + "/code", "-2\n"));
-  EXPECT_EQ(Ask(queue_del_entry, "2 -e 7").text, Ok("Job start time expired: 7"));
-  EXPECT_TRUE(FileIs(Dir("b") + "/code", "7\n"));
-  EXPECT_EQ(Counts("q3"), "pending=0\tholding=0\tjob_limit: 0/0");
+// Waiting jobs deleted are run once with their pending-state code: the held
+// one with its default -2, the pending one with the code given.
+TEST_F(EntryRequestsTest, DeleteRunsAWaitingJobOnceWithItsCode) {
+  ASSERT_EQ(Ask(queue_init, "dl 1").text, kInitialised);
+  const std::string a = Entry(Submit("dl", "a"));
+  const std::string b = Entry(Submit("dl", "b"));
+  const std::string c = Entry(Submit("dl", "c", "-T 2099-01-01_00:00"));
+  ASSERT_TRUE(Started("a"));
+  for (const std::string job : {"b", "c"}) Release(job);
+  for (const auto& [args, answer] : Cases{
+           {a + " -o not_executing", "2STATUS=ERROR MSG=Job not found on holding or pending queue\n"},
+           {a + " -K none", "1STATUS=ERROR MSG=Operation failed. -K requires -e to be specified.\n"},
+           {"200000", kNoEntry},
+           {c, Ok("Job start time expired: -2")},
+           {b + " -e 7", Ok("Job start time expired: 7")}})
+    EXPECT_EQ(Ask(queue_del_entry, args).text, answer) << args;
+  EXPECT_TRUE(ArgsAre("c", Dir("c") + " -d -2\n"));
+  EXPECT_TRUE(ArgsAre("b", Dir("b") + " -d 7\n"));
+  EXPECT_EQ(Counts("dl"), "pending=0\tholding=0\tjob_limit: 0/1");
   EXPECT_FALSE(Exists(Dir("a") + "/sig"));
+}
 
-  EXPECT_EQ(Ask(queue_signal_entry, "1 -6").text, "1Invalid signal number given.\n");
-  EXPECT_EQ(Ask(queue_signal_entry, "99 -3").text, "1STATUS=WARNING MSG=No such entry 99\n");
-  EXPECT_EQ(Ask(queue_signal_entry, "5 -4").text, "1STATUS=OK MSG=Entry 5 will receive signal -4\n");
-  EXPECT_TRUE(FileIs(Dir("d") + "/code", "-4\n"));
-  EXPECT_EQ(Ask(queue_signal_entry, "1 -3").text,
-            "1STATUS=OK MSG=Sent signal SIGINT to entry no 1[PID " + std::to_string(a) + "] process group\n");
-  EXPECT_TRUE(FileIs(Dir("a") + "/sig", "INT\n"));
-  EXPECT_TRUE(Gone("a"));
-  // The moved job has ended in its new queue and freed a place there.
-  EXPECT_TRUE(WaitFor([&] { return Counts("q2") == "pending=0\tholding=0\tjob_limit: 1/1"; }, 10s));
+// A waiting job signalled is run once with the signal as its code; a running
+// job's group gets the signal.
+TEST_F(EntryRequestsTest, SignalRunsAWaitingJobWithItsCodeAndReachesARunningGroup) {
+  ASSERT_EQ(Ask(queue_init, "sg 1").text, kInitialised);
+  const std::string a = Entry(Submit("sg", "a"));
+  const std::string d = Entry(Submit("sg", "d", "-T 2099-01-01_00:00"));
+  const long pid = Pid("a");
+  ASSERT_GT(pid, 0);
+  Release("d");
+  for (const auto& [args, answer] : Cases{
+           {a + " -6", "1Invalid signal number given.\n"},
+           {"200000 -3", kNoEntry},
+           {d + " -4", "1STATUS=OK MSG=Entry " + d + " will receive signal -4\n"},
+           {a + " -3", "1STATUS=OK MSG=Sent signal SIGINT to entry no " + a + "[PID " + std::to_string(pid) +
+                           "] process group\n"}})
+    EXPECT_EQ(Ask(queue_signal_entry, args).text, answer) << args;
+  EXPECT_TRUE(ArgsAre("d", Dir("d") + " -d -4\n"));
+  EXPECT_TRUE(Ended("a"));
+  EXPECT_EQ(ReadFile(Dir("a") + "/sig"), "INT\n");
+}
 
-  EXPECT_EQ(Ask(queue_del_entry, "4 -3").text, Ok("Job will be terminated and deleted in a timeout 3 seconds"));
-  EXPECT_TRUE(Gone("e"));
-  // The graceful stop, and the hard stop's SIGINT in front of its SIGKILL.
+// A running job that ignores SIGINT is stopped hard after the timeout given:
+// the graceful stop's SIGINT, then the hard stop's SIGINT in front of its SIGKILL.
+TEST_F(EntryRequestsTest, DeleteWithATimeoutStopsAJobThatIgnoresSigint) {
+  ASSERT_EQ(Ask(queue_init, "hd 1").text, kInitialised);
+  Prepare("e", {{"stay", ""}});
+  const std::string e = Entry(Submit("hd", "e", "-S 1/0"));
+  ASSERT_TRUE(Started("e"));
+  EXPECT_EQ(Ask(queue_del_entry, e + " -3").text, Ok("Job will be terminated and deleted in a timeout 3 seconds"));
+  EXPECT_TRUE(Ended("e"));
   EXPECT_EQ(ReadFile(Dir("e") + "/sig").substr(0, 4), "INT\n");
-  EXPECT_TRUE(WaitFor([&] { return Counts("q1") == "pending=0\tholding=0\tjob_limit: 1/1"; }, 10s));
+  EXPECT_TRUE(Driven([&] { return Counts("hd") == "pending=0\tholding=0\tjob_limit: 1/1"; }));
 }
 
 }  // namespace

@@ -6,10 +6,7 @@
 //
 // KD_SOAK_JOBS sets the number of submissions (default 5000; 1000 in a
 // sanitizer build).
-#include <signal.h>
-
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -30,30 +27,25 @@ using Clock = std::chrono::steady_clock;
 constexpr int kClients = 20;
 constexpr int kQueues = 4;
 
-/// $1 the file that collects the pids of every run, $2 the exit code; $3
-/// "bg" leaves a grandchild in the job's group, "slow" makes the run last.
-constexpr const char* kTinyJob =
-    "#!/bin/sh\necho $$ >> \"$1\"\ncase \"$3\" in bg) /bin/sleep 60 & ;; slow) /bin/sleep 0.3 ;; esac\nexit $2\n";
-
 #if defined(__SANITIZE_ADDRESS__)
 // Every answer forks the daemon, and a sanitized daemon is a large process
-// to fork: a fifth of the load keeps the run within its time limit.
+// to fork: a fifth of the load keeps the run within its time limit, and a
+// slow run lasts until the request that follows its submit has come.
 constexpr int kDefaultJobs = 1000;
+constexpr const char* kSlowRun = "3";
 #else
 constexpr int kDefaultJobs = 5000;
+constexpr const char* kSlowRun = "0.3";
 #endif
 
-/// No process is left in the group (an unreaped orphan counts as gone).
-bool GroupGone(long pgid) {
-  if (kill(static_cast<pid_t>(-pgid), 0) != 0) return errno == ESRCH;
-  const std::string stat = ReadFile("/proc/" + std::to_string(pgid) + "/stat");
-  const std::size_t paren = stat.rfind(')');
-  return paren != std::string::npos && stat.compare(paren + 2, 1, "Z") == 0;
-}
+/// $1 the file that collects the pids of every run, $2 the exit code; $3
+/// "bg" leaves a grandchild in the job's group, "slow" makes the run last.
+const std::string kTinyJob = std::string("#!/bin/sh\necho $$ >> \"$1\"\ncase \"$3\" in bg) /bin/sleep 60 & ;; ") +
+                             "slow) /bin/sleep " + kSlowRun + " ;; esac\nexit $2\n";
 
+/// The daemon's open descriptors (what each names, for the report) and resident memory.
 struct Usage {
-  std::size_t fds = 0;
-  std::string fd_targets;  ///< what each descriptor names, for the report
+  std::vector<std::string> fds;
   long rss_kb = 0;
 };
 
@@ -61,12 +53,10 @@ Usage UsageOf(pid_t pid) {
   Usage u;
   std::error_code ec, link_ec;
   for (auto it = std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec);
-       !ec && it != std::filesystem::directory_iterator(); it.increment(ec), ++u.fds)
-    u.fd_targets +=
-        it->path().filename().string() + "=" + std::filesystem::read_symlink(it->path(), link_ec).string() + " ";
-  std::istringstream status(ReadFile("/proc/" + std::to_string(pid) + "/status"));
-  for (std::string line; std::getline(status, line);)
-    if (line.rfind("VmRSS:", 0) == 0) u.rss_kb = std::atol(line.c_str() + 6);
+       !ec && it != std::filesystem::directory_iterator(); it.increment(ec))
+    u.fds.push_back(it->path().filename().string() + "=" + std::filesystem::read_symlink(it->path(), link_ec).string());
+  const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
+  u.rss_kb = std::atol(status.c_str() + status.find("VmRSS:") + 6);
   return u;
 }
 
@@ -158,20 +148,12 @@ class SoakTest : public DaemonTest {
   }
 
   /// Every job has ended: no job in any queue (the terminating one included)
-  /// and every triple and resource as idle as before the load. Rings the
-  /// daemon's alarm meanwhile, for the passes that only time would bring.
+  /// and every triple and resource as idle as before the load.
   bool Drained(const std::string& idle_status) {
-    auto next = Clock::now();
-    return WaitFor(
-        [&] {
-          if (Clock::now() >= next) {
-            daemon().Signal(SIGALRM);
-            next = Clock::now() + 500ms;
-          }
-          const std::string csv = Ask(queue_sho_csv, "*").text;
-          return csv.find(',') == std::string::npos && Ask(queue_sho_status, "*").text == idle_status;
-        },
-        60s);
+    return Driven([&] {
+      return Ask(queue_sho_csv, "*").text.find(',') == std::string::npos &&
+             Ask(queue_sho_status, "*").text == idle_status;
+    }, 60s);
   }
 
   /// Descriptors and memory of the idle daemon, once its answer writers are
@@ -180,7 +162,7 @@ class SoakTest : public DaemonTest {
   Usage Settled(std::size_t fds = 0) {
     EXPECT_TRUE(WaitFor([&] { return ChildrenOf(daemon_pid(), false).empty(); }, 20s)) << "children left";
     Usage u;
-    WaitFor([&] { return (u = UsageOf(daemon_pid())).fds <= fds; }, fds > 0 ? 5s : 0s);
+    WaitFor([&] { return (u = UsageOf(daemon_pid())).fds.size() <= fds; }, fds > 0 ? 5s : 0s);
     return u;
   }
 
@@ -193,9 +175,8 @@ class SoakTest : public DaemonTest {
 };
 
 TEST_F(SoakTest, ManyClientsManyJobsAndEverythingIsAccountedFor) {
-  ASSERT_EQ(Ask(queue_set, "option follow_up 1").text, "0STATUS=SUCCESS MSG=Option [follow_up=1] is set.\n");
-  for (int i = 0; i < kQueues; ++i)
-    ASSERT_EQ(Ask(queue_init, Queue(i) + "/a/b 3").text, "0STATUS=SUCCESS MSG=Queue initialised\n");
+  ASSERT_EQ(Ask(queue_set, "option follow_up 1").text, Ok("Option [follow_up=1] is set."));
+  for (int i = 0; i < kQueues; ++i) ASSERT_EQ(Ask(queue_init, Queue(i) + "/a/b 3").text, kInitialised);
 
   const std::string idle_status = Ask(queue_sho_status, "*").text;
 
@@ -209,7 +190,7 @@ TEST_F(SoakTest, ManyClientsManyJobsAndEverythingIsAccountedFor) {
   const Usage before = Settled();
   Load(jobs / 2, jobs - jobs / 2);
   EXPECT_TRUE(Drained(idle_status)) << Ask(queue_sho_csv, "*").text << Ask(queue_sho_status, "*").text;
-  const Usage after = Settled(before.fds);
+  const Usage after = Settled(before.fds.size());
   const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count();
 
   EXPECT_EQ(failure_count_.load(), 0);
@@ -217,16 +198,10 @@ TEST_F(SoakTest, ManyClientsManyJobsAndEverythingIsAccountedFor) {
     EXPECT_GT(done_[mode].load(), 0) << "no request of mode " << mode << " found its job";
 
   // The exit log: a creation record and an end record for every accepted job.
-  std::string log;
-  std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator(instance().lgc(), ec))
-    if (entry.path().filename().string().rfind("kd_qm_exit_", 0) == 0) log += ReadFile(entry.path().string());
   std::set<int> created, ended;
-  std::istringstream lines(log);
-  for (std::string line; std::getline(lines, line);) {
-    const std::size_t semi = line.find(';', 24);
-    if (line.size() < 25 || line.compare(20, 4, "CTX:") != 0 || semi == std::string::npos) continue;
-    const int ctx = std::atoi(line.c_str() + 24);
+  for (const std::string& line : ExitLog("CTX:")) {
+    const std::size_t semi = line.find(';');
+    const int ctx = std::atoi(line.c_str() + 4);
     if (line.compare(semi + 1, 5, "name:") == 0) created.insert(ctx);
     if (line.compare(semi + 1, 4, "PID:") == 0 && line.find(";submit:") != std::string::npos) ended.insert(ctx);
   }
@@ -246,7 +221,8 @@ TEST_F(SoakTest, ManyClientsManyJobsAndEverythingIsAccountedFor) {
   }
   EXPECT_EQ(left, 0u);
 
-  EXPECT_EQ(after.fds, before.fds) << before.fd_targets << "\n" << after.fd_targets;
+  EXPECT_EQ(after.fds.size(), before.fds.size()) << testing::PrintToString(before.fds) << "\n"
+                                                << testing::PrintToString(after.fds);
 #if !defined(__SANITIZE_ADDRESS__)
   // The allocator may keep a little of what was freed; a leak of a job record
   // or a list per job would be megabytes here. (AddressSanitizer holds freed
@@ -254,8 +230,8 @@ TEST_F(SoakTest, ManyClientsManyJobsAndEverythingIsAccountedFor) {
   EXPECT_LE(after.rss_kb, before.rss_kb + 256) << "resident memory grew";
 #endif
   std::cout << "soak: " << jobs << " submissions, " << requests_.load() << " requests, " << runs << " job runs, "
-            << accepted_.size() << " jobs accepted, daemon fds " << before.fds << " -> " << after.fds << ", RSS "
-            << before.rss_kb << " kB -> " << after.rss_kb << " kB, " << elapsed << " s\n";
+            << accepted_.size() << " jobs accepted, daemon fds " << before.fds.size() << " -> " << after.fds.size()
+            << ", RSS " << before.rss_kb << " kB -> " << after.rss_kb << " kB, " << elapsed << " s\n";
 }
 
 }  // namespace

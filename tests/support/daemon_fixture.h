@@ -1,14 +1,16 @@
 // End-to-end fixtures: the real daemon started in the foreground on a
-// temporary instance, raw clients of its pipes, and processes run to their
-// end under a deadline.
+// temporary instance (one per test, or one shared by a suite), raw clients of
+// its pipes, the jobs it runs, and programs run to their end under a deadline.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kd_test_support.h"
@@ -18,9 +20,8 @@ namespace kdtest {
 /// Full path of a built program of the project ("kd_qm_main", "kd_qm").
 std::string BinaryPath(const std::string& program);
 
-/// A process started by fork and exec, its standard output and error going
-/// to files. The destructor kills (SIGKILL, the whole group when it leads
-/// one) and reaps it if it still runs.
+/// A process started by fork and exec, its standard input /dev/null and its
+/// output going to files; the destructor kills (its group too) and reaps it.
 class ChildProcess {
  public:
   ChildProcess() = default;
@@ -28,10 +29,9 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  /// Starts argv[0] (a path) with the arguments; in_file (or /dev/null) is
-  /// its standard input. own_group: the child leads a process group of its own.
+  /// Starts argv[0] (a path) with the arguments; own_group: it leads a process group.
   bool Start(const std::vector<std::string>& argv, const std::string& out_file, const std::string& err_file,
-             bool own_group = true, const std::string& in_file = "/dev/null");
+             bool own_group = true);
   pid_t pid() const { return pid_; }
   /// True until the process has ended (it is reaped then).
   bool Running();
@@ -58,18 +58,9 @@ class ChildProcess {
 struct ProcessResult {
   bool finished = false;  ///< ended before the deadline (else it was killed)
   int exit_code = -1;     ///< -1 when ended by a signal
-  int term_signal = 0;
   std::string out;        ///< standard output
   std::string err;        ///< standard error
 };
-
-/// Runs argv (argv[0] a path) to its end, killing it at the deadline.
-ProcessResult RunProgram(const std::vector<std::string>& argv, std::chrono::milliseconds deadline,
-                         const std::string& stdin_text = "");
-
-/// Writes bytes to a FIFO with one write, opened non-blocking (fails when
-/// nobody reads it). True when everything was written.
-bool WriteToPipe(const std::string& fifo, const std::string& bytes);
 
 /// What a client read from its answer pipe.
 struct RawAnswer {
@@ -89,21 +80,22 @@ class RawClient {
 
   long id() const { return id_; }
   std::string answer_pipe() const;
-  std::string request_pipe() const;
   /// Creates the answer FIFO (mode 0770); an existing one is kept.
   bool CreatePipe();
   /// Opens the read end (non-blocking) so that the daemon's writer finds a reader.
   bool OpenForAnswer();
   void CloseAnswer();
-  /// Writes the bytes into the request pipe as they are (one write).
+  /// Writes the bytes into the request pipe with one write (fails when nobody reads it).
   bool Send(const std::string& bytes) const;
+  /// Sends "<mode> <id>[ <args>]\n" with the answer pipe made and open, without reading.
+  bool Request(int mode, const std::string& args = "");
   /// Reads until the writer has closed the pipe or the deadline passed.
   RawAnswer ReadAnswer(std::chrono::milliseconds deadline);
   /// Whether anything (data or a writer's close) has arrived on the open read end.
   bool AnythingArrived();
   /// Sends "<line>\n" with the answer pipe open and reads the answer.
   RawAnswer AskLine(const std::string& line, std::chrono::milliseconds deadline = std::chrono::seconds(10));
-  /// Sends "<mode> <id> <args>\n" and reads the answer.
+  /// Sends "<mode> <id>[ <args>]\n" and reads the answer.
   RawAnswer Ask(int mode, const std::string& args = "",
                 std::chrono::milliseconds deadline = std::chrono::seconds(10));
 
@@ -111,53 +103,78 @@ class RawClient {
   std::string qm_dir_;
   long id_;
   int fd_ = -1;
-  bool writer_seen_ = false;
 };
 
 /// Process ids of the children of pid (only zombies when zombies_only).
 std::vector<pid_t> ChildrenOf(pid_t pid, bool zombies_only);
+/// The process has ended and was reaped.
+bool Gone(long pid);
+/// No process is left in the group (an unreaped leader counts as gone).
+bool GroupGone(long pgid);
 
-/// The daemon kd_qm_main -d on a temporary instance. SetUp writes debug.ini
-/// with TraceLevel(), starts the daemon with its output in files of the
-/// instance root and waits until it answers. TearDown stops it (shutdown
-/// request, SIGTERM, SIGKILL, each under a deadline), kills the process
-/// group of every job whose script wrote "job.pid" below the instance,
-/// and fails the test when the daemon's standard error holds a sanitizer
-/// report.
+/// "0STATUS=SUCCESS MSG=<msg>\n".
+std::string Ok(const std::string& msg);
+/// The warning for a queue that does not exist.
+std::string NoQueue(const std::string& name);
+/// The answers to process_signal and to a queue_init that makes a queue.
+extern const std::string kProcessed, kInitialised;
+/// Times of this century as "T"; the all-zero times and the far start time "2099-01-01 00:00:00" stay.
+std::string MaskTimes(std::string text);
+
+/// A daemon kd_qm_main and the temporary instance it runs on.
+struct DaemonRun {
+  TestInstance instance;
+  std::unique_ptr<ChildProcess> process;  ///< null until started
+};
+
+/// The daemon kd_qm_main -d on a temporary instance of its own for each test.
+/// SetUp writes debug.ini with TraceLevel() and bin/job.sh, starts the daemon
+/// (its output in daemon.out and daemon.err of the instance root) and waits
+/// until it answers. TearDown ends every job of the test, stops the daemon
+/// (shutdown request, SIGTERM, SIGKILL, each under a deadline), kills every
+/// group it left and fails the test on a sanitizer report of the daemon.
+///
+/// bin/job.sh: $1 is the job's directory (made if missing). Each run appends
+/// its words as one line to "args", sets its SIGINT handling, writes its pid
+/// into "job.pid" (whole, by rename) and waits for a file "go" there or in the
+/// test's directory above (TearDown writes that one); then it exits with the
+/// line of "codes" numbered as the run (0 without one). SIGINT is noted as a
+/// line "INT" in "sig" and then ends the run by that signal; when a file
+/// "stay" exists the run lives on instead, and leaves a child that ignores SIGINT.
 class DaemonTest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
 
-  /// Trace level of KD_QM_MAIN written into debug.ini before the start: 1,
-  /// as a daemon in service runs; suites that read flow lines ask for 2 or 3.
+  /// Trace level of KD_QM_MAIN: 1 as in service; suites that read flow lines ask for 2 or 3.
   virtual int TraceLevel() const { return 1; }
   /// Whether SetUp starts the daemon (start-up tests start it themselves).
   virtual bool StartInSetUp() const { return true; }
 
-  TestInstance& instance() { return *instance_; }
+  TestInstance& instance() { return run_->instance; }
   /// The instance's gv_rw_qm directory, ending in "/".
-  std::string QmDir() const;
-  std::string RequestPipe() const;
-  ChildProcess& daemon() { return *daemon_; }
-  pid_t daemon_pid() const { return daemon_ ? daemon_->pid() : -1; }
+  std::string QmDir() const { return run_->instance.qm(); }
+  std::string RequestPipe() const { return QmDir() + "com/to_qm_pipe"; }
+  ChildProcess& daemon() { return *run_->process; }
+  pid_t daemon_pid() const { return run_->process ? run_->process->pid() : -1; }
 
   /// Starts kd_qm_main with the arguments (output to daemon.out / daemon.err).
   bool StartDaemon(const std::vector<std::string>& args = {"-d"});
   /// The request pipe exists and a process_signal request is answered.
   bool WaitReady(std::chrono::milliseconds deadline = std::chrono::seconds(15));
-  /// Stops the daemon: shutdown request, then SIGTERM, then SIGKILL. Returns
-  /// its exit code, or -signal when a signal ended it.
-  int StopDaemon();
-
-  std::string DaemonOut() const;
-  std::string DaemonErr() const;
-  /// Every trace log file of the daemon, in name order, concatenated.
-  std::string TraceLog() const;
-  /// Waits until the trace log contains text.
+  std::string DaemonErr() const { return ReadFile(run_->instance.root() + "/daemon.err"); }
+  /// The daemon's trace (its log files in name order) since this test began; whole_run: since its start.
+  std::string TraceLog(bool whole_run = false) const;
+  /// Waits until the trace since this test began contains text.
   bool WaitForTrace(const std::string& text, std::chrono::milliseconds deadline = std::chrono::seconds(10)) const;
+  /// The daemon's children in its own process group (jobs lead their own), unreaped ones unless live_only.
+  std::vector<pid_t> AnswerWriters(bool live_only = false) const;
   /// Waits until the daemon has no zombie child.
   bool WaitNoZombies(std::chrono::milliseconds deadline = std::chrono::seconds(10)) const;
+  /// The exit-log lines beginning with prefix; time stamps cut, times masked, pids as "PID:n".
+  std::vector<std::string> ExitLog(const std::string& prefix = "") const;
+  /// Waits until the exit log holds every one of the lines.
+  bool Logged(const std::vector<std::string>& lines) const;
 
   /// An id for a raw client that no other client of this process uses.
   static long NextClientId();
@@ -166,18 +183,61 @@ class DaemonTest : public ::testing::Test {
                 std::chrono::milliseconds deadline = std::chrono::seconds(10));
   /// A raw client with a fresh id (for lines built by the test).
   std::unique_ptr<RawClient> NewClient() const;
-
-  /// Runs a built program ("kd_qm") with the arguments to its end.
+  /// Runs a built program ("kd_qm") with the arguments to its end, killing it at the deadline.
   ProcessResult Run(const std::string& program, const std::vector<std::string>& args,
                     std::chrono::milliseconds deadline = std::chrono::seconds(30));
 
-  /// Fails the test when text holds a sanitizer report.
-  static void ExpectNoSanitizerReport(const std::string& text, const std::string& what);
+  /// The directory of a job of this test: <root>/jobs/<test name>/<job>.
+  std::string Dir(const std::string& job) const;
+  /// Submits "<queue> [<options>] -j <job> job.sh <Dir(job)>"; the answer.
+  std::string Submit(const std::string& queue, const std::string& job, const std::string& options = "");
+  /// The entry number of a submit's success answer; fails the test on any other answer.
+  static std::string Entry(const std::string& answer);
+  /// Writes files (name, content) into the job's directory.
+  void Prepare(const std::string& job, const std::vector<std::pair<std::string, std::string>>& files) const;
+  /// Lets the job's runs end.
+  void Release(const std::string& job) const { Prepare(job, {{"go", ""}}); }
+  /// The pid of the job's latest run, once it has written it; 0 after 10 s without.
+  long Pid(const std::string& job) const;
+  bool Started(const std::string& job) const { return Pid(job) > 0; }
+  /// No run of the job has started so far (no waiting).
+  bool NotStarted(const std::string& job) const { return !Exists(Dir(job) + "/job.pid"); }
+  /// Waits (driving the daemon) until the job's latest run has ended and was reaped.
+  bool Ended(const std::string& job);
+  /// The job's "args": one line per run.
+  std::string Args(const std::string& job) const { return ReadFile(Dir(job) + "/args"); }
+  /// "pending=<n>\tholding=<n>\tjob_limit: <limit>" of the queue's status view.
+  std::string Counts(const std::string& queue);
+  /// Waits for the condition, ringing the daemon's alarm every 250 ms for a whole pass, time limits included.
+  bool Driven(const std::function<bool()>& condition, std::chrono::milliseconds deadline = std::chrono::seconds(20));
+
+  /// Makes run this test's daemon: a new instance if run is empty or its daemon has ended (started if start).
+  void Attach(std::unique_ptr<DaemonRun>& run, bool start);
+  /// Stops the daemon, kills every group it left, fails the test on a sanitizer report of the daemon.
+  static void Finish(DaemonRun& run);
 
  private:
-  void KillJobGroups();
-  std::unique_ptr<TestInstance> instance_;
-  std::unique_ptr<ChildProcess> daemon_;
+  std::unique_ptr<DaemonRun> own_;
+  DaemonRun* run_ = nullptr;
+  std::size_t trace_from_ = 0;
+};
+
+/// DaemonTest with one daemon for every test of the suite, at the trace level
+/// given: started by the first test (again by the next, should one end it) and
+/// finished after the last. Tests name their queues and jobs apart and take
+/// entry numbers from the answers.
+template <int kTraceLevel = 1>
+class SharedDaemonTest : public DaemonTest {
+ protected:
+  static void TearDownTestSuite() {
+    if (shared_) Finish(*shared_);
+    shared_.reset();
+  }
+  void SetUp() override { Attach(shared_, true); }
+  int TraceLevel() const override { return kTraceLevel; }
+
+ private:
+  static inline std::unique_ptr<DaemonRun> shared_;
 };
 
 }  // namespace kdtest
