@@ -6,13 +6,11 @@
 
 #include <gtest/gtest.h>
 
-#include "cm_common.h"
 #include "cm_trace.h"
 #include "jobs/exit_log.h"
 #include "jobs/launch.h"
 #include "kd_test_support.h"
 #include "model/job.h"
-#include "model/records.h"
 
 TEST(ExitLogTest, CreationAndEndGiveOneExactRecordEachAndNothingAtLevelZero) {
   kdtest::TestInstance inst;
@@ -27,8 +25,7 @@ TEST(ExitLogTest, CreationAndEndGiveOneExactRecordEachAndNothingAtLevelZero) {
   job->SubmitTime = QMTime{2026, 5, 13, 10, 11, 2};
   job->pFullCommand = new std::string("-j nightly /opt/bin/backup -f x");
   job->file_name = "/opt/bin/backup";
-  ASSERT_EQ(jobAddArg_str(job, "-f"), 0);
-  ASSERT_EQ(jobAddArg_str(job, "x y"), 0);
+  ASSERT_EQ(jobAddArg_str(job, "-f") + jobAddArg_str(job, "x y"), 0);
   JobCreatedKdQmExitLog(job);
   job->StartTime = QMTime{2026, 5, 13, 10, 12, 0};
   strLocalLog.iLogLevel = 0;
