@@ -1,13 +1,13 @@
 // Time services: time_get commands relative to now and to a given base time
 // (daylight saving, overflow, bad input), and the timestamp conversions.
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <functional>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "cm_common.h"
 #include "cm_kernel.h"
@@ -105,7 +105,6 @@ TEST(TimeGet, ShiftsOfAGivenBaseTimeKeepTheWallClockAcrossDaylightSaving) {
 
 TEST(TimeGet, BadInputIsTracedFallsBackAndNeverOverflows) {
   kdtest::TestInstance inst;
-  inst.write_glbv("gv_daylbl", "20990101");
   inst.write_debug_ini("KD_TEST=1\n");
   str_log log;
   v_set_log_main("kd_test.lgc", "KD_TEST", &log);
@@ -115,7 +114,7 @@ TEST(TimeGet, BadInputIsTracedFallsBackAndNeverOverflows) {
   EXPECT_EQ(TimeGet("S 99999999999999999999999"), end_of_epoch);
   ExpectNowBased("2026-99-13 08:00:00 H 2", [] { return ShiftedNow(0, 2); });
   v_set_log_all_close(&log);
-  const std::string text = kdtest::ReadFile(inst.lgc() + "kd_test_20990101.log");
+  const std::string text = kdtest::ReadFile(log.szLogFile);
   EXPECT_NE(text.find("Error: time_get: WARNING: Set time to end-of-epoch bcs. given time shift [D 999999999] "
                       "exceeds UNIX time"),
             std::string::npos)

@@ -1,10 +1,11 @@
-#include "kd_test_support.h"
-#include "strlib.h"
+// The own strptime (kd_strptime) and getopt (mygetopt) of the runtime.
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
+#include "kd_test_support.h"
+#include "strlib.h"
 
 namespace {
 

@@ -10,8 +10,6 @@
 #include "jobs/removal.h"
 #include "kd_test_support.h"
 #include "model/elements.h"
-#include "model/list.h"
-#include "model/records.h"
 #include "model/triple.h"
 #include "protocol/globals.h"
 
@@ -54,10 +52,8 @@ TEST_F(QueueModelTest, LookUpByNameFollowsRoot) {
   QueueTriple* cut = CreateQueTriple(long_name, "", nullptr, nullptr, nullptr);
   EXPECT_EQ(FindQueTriple("a"), a);
   EXPECT_EQ(FindQueTriple("b"), b);
-  EXPECT_EQ(FindQueTriple(""), nullptr);
-  EXPECT_EQ(FindQueTriple("A"), nullptr);
-  EXPECT_EQ(FindQueTriple("a "), nullptr);
-  EXPECT_EQ(FindQueTriple(long_name), nullptr);
+  for (const std::string& miss : {std::string(), std::string("A"), std::string("a "), long_name})
+    EXPECT_EQ(FindQueTriple(miss), nullptr) << miss.size();
   EXPECT_EQ(FindQueTriple(long_name.substr(0, 1023)), cut);
 
   RemoveQueTriple(&Root, a);
@@ -84,13 +80,9 @@ TEST_F(QueueModelTest, LookUpByNameFollowsRoot) {
   LinkQueTriple(cut);
 }
 
-TEST_F(QueueModelTest, ResourceSpecificationsAndRequests) {
-  std::string share, resource, server;
-  getResourceNames("tape_drive1@srvA", &share, &resource, &server);
-  EXPECT_EQ(share + "|" + resource + "|" + server, "tape|drive1|@srvA");
-  getResourceNames("a_b_c", &share, &resource, &server);
-  EXPECT_EQ(share + "|" + resource + "|" + server, "a_b|c|");
-
+// How a resource queue's name splits into share, resource and server shows in
+// the views (e2e QueueRequestsTest.InitAndReInitOfTriplesAndEveryViewOfThem).
+TEST_F(QueueModelTest, ResourceRequests) {
   // The first item ends at a comma, every later one at a blank.
   EXPECT_EQ(ResourceList(nullptr, ""), Items{"||"});
   EXPECT_EQ(ResourceList(nullptr, "a,b,c"), (Items{"|a|", "|b,c|"}));
