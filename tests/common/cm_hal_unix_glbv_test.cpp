@@ -16,8 +16,8 @@
 
 #include "cm_common.h"
 #include "cm_hal_unix.h"
-#include "cm_trace.h"
 #include "kd_test_support.h"
+#include "test_trace.h"
 
 using kdtest::CaptureFd;
 using kdtest::Exists;
@@ -43,12 +43,9 @@ class GlbvTest : public ::testing::Test {
   }
   std::string FileOf(const std::string& name) const { return inst_.glbv_dir() + name + ".sgv"; }
   std::string TraceOf(const std::function<void()>& fn) {
-    inst_.write_debug_ini("KD_TEST=0\n");
-    str_log log;
-    v_set_log_main("kd_test.lgc", "KD_TEST", &log);
+    kdtest::ModuleTrace log(inst_, 0);
     fn();
-    v_set_log_all_close(&log);
-    return ReadFile(log.szLogFile);
+    return log.Text();
   }
 
   kdtest::TestInstance inst_;

@@ -11,8 +11,8 @@
 
 #include "cm_common.h"
 #include "cm_kernel.h"
-#include "cm_trace.h"
 #include "kd_test_support.h"
+#include "test_trace.h"
 
 namespace {
 
@@ -105,22 +105,15 @@ TEST(TimeGet, ShiftsOfAGivenBaseTimeKeepTheWallClockAcrossDaylightSaving) {
 
 TEST(TimeGet, BadInputIsTracedFallsBackAndNeverOverflows) {
   kdtest::TestInstance inst;
-  inst.write_debug_ini("KD_TEST=1\n");
-  str_log log;
-  v_set_log_main("kd_test.lgc", "KD_TEST", &log);
+  kdtest::ModuleTrace log(inst, 1);
   const std::string end_of_epoch = Readable(2147483647);
   EXPECT_EQ(TimeGet("D 999999999"), end_of_epoch);
   EXPECT_EQ(TimeGet("2026-05-13 08:00:00 D 2147483647"), end_of_epoch) << "the day field overflows";
   EXPECT_EQ(TimeGet("S 99999999999999999999999"), end_of_epoch);
   ExpectNowBased("2026-99-13 08:00:00 H 2", [] { return ShiftedNow(0, 2); });
-  v_set_log_all_close(&log);
-  const std::string text = kdtest::ReadFile(log.szLogFile);
-  EXPECT_NE(text.find("Error: time_get: WARNING: Set time to end-of-epoch bcs. given time shift [D 999999999] "
-                      "exceeds UNIX time"),
-            std::string::npos)
-      << text;
-  EXPECT_NE(text.find("time_get: cannot read the base time of [2026-99-13 08:00:00 H 2], using now"),
-            std::string::npos);
+  EXPECT_TRUE(log.Has("Error: time_get: WARNING: Set time to end-of-epoch bcs. given time shift [D 999999999] "
+                      "exceeds UNIX time"));
+  EXPECT_TRUE(log.Has("time_get: cannot read the base time of [2026-99-13 08:00:00 H 2], using now"));
 
   EXPECT_EQ(time_get(nullptr), nullptr);
   // The result never writes more than 25 bytes, whatever the command held.

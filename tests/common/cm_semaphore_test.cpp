@@ -1,8 +1,7 @@
 // File semaphores: lock, unlock, try, inquiry, reset and removal as seen by
 // other processes, hand-over from a killed holder, fatal answers, and signals
-// during blocking and polling waits. The holder's line in the file, a try
-// against a holder and the unlock's emptied file are checked end to end on
-// the daemon's own lock (e2e DaemonStartTest).
+// during blocking and polling waits. The holder's line, a try against it and
+// the emptied file: on the daemon's own lock (e2e DaemonStartTest).
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>

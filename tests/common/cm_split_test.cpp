@@ -5,8 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "cm_split.h"
-#include "cm_trace.h"
-#include "kd_test_support.h"
+#include "test_trace.h"
 
 namespace {
 
@@ -46,15 +45,10 @@ TEST(CmStrtok, WorksOnItsOwnCopyAndANewTextStartsOver) {
 
 TEST(CmStrtok, CutsAnOverlongTextAndTracesTheCut) {
   kdtest::TestInstance inst;
-  inst.write_debug_ini("KD_TEST=1\n");
-  str_log rec;
-  v_set_log_main("kd_test.lgc", "KD_TEST", &rec);
+  kdtest::ModuleTrace log(inst, 1);
   const std::string text = std::string(137990, 'a') + ",bbbbbbbbbbbbbbbbbbbb,c";
   EXPECT_EQ(Fields(text.c_str(), ','), (V{std::string(137990, 'a'), "bbbbbbbb"})) << "137999 characters are kept";
   const std::string exact(137999, 'z');
   EXPECT_EQ(Fields(exact.c_str(), ','), V{exact});
-  v_set_log_all_close(&rec);
-  EXPECT_NE(kdtest::ReadFile(rec.szLogFile)
-                .find("Error: cm_strok: string shortend to 137999 chars bcs. of string overflow strlen(aaaa"),
-            std::string::npos);
+  EXPECT_TRUE(log.Has("Error: cm_strok: string shortend to 137999 chars bcs. of string overflow strlen(aaaa"));
 }

@@ -194,8 +194,7 @@ class QmLibClientTest : public ::testing::Test {
   const std::string pid = std::to_string(getpid());
 };
 
-// The request line of a front end and its answer read by kd_qm are checked
-// end to end (e2e KdQmProgramTest); here the answers a daemon never gives.
+// Plain requests and answers of kd_qm: e2e KdQmProgramTest; here what a daemon never sends.
 TEST_F(QmLibClientTest, RequestLinesAnswerPipeReturnDigitsAndTimeoutsAgainstADaemon) {
   FakeDaemon daemon(inst.qm(), [](const std::string& line) -> V {
     const std::string mode = line.substr(0, line.find(' '));
@@ -270,8 +269,7 @@ TEST_F(QmLibClientTest, RequestLinesAnswerPipeReturnDigitsAndTimeoutsAgainstADae
   EXPECT_TRUE(gErrors.empty());
 }
 
-// The pipe names, no request pipe at all and no gv_rw_qm are covered end to
-// end (e2e KdQmProgramWithoutDaemonTest).
+// Pipe names, no request pipe and no gv_rw_qm: e2e KdQmProgramWithoutDaemonTest.
 TEST_F(QmLibClientTest, ADaemonThatDoesNotReadOrNeverAnswers) {
   // A request pipe without a reader fails after about two seconds.
   const mode_t old = umask(0);

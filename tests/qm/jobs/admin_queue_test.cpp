@@ -9,13 +9,13 @@
 
 #include <gtest/gtest.h>
 
-#include "cm_trace.h"
 #include "jobs/admin_queue.h"
 #include "jobs/launch.h"
 #include "kd_test_support.h"
 #include "model/job.h"
 #include "model/triple.h"
 #include "test_clock.h"
+#include "test_trace.h"
 
 namespace {
 
@@ -30,8 +30,6 @@ class TerminatingQueueTest : public ::testing::Test {
   void SetUp() override {
     setenv("TZ", "UTC", 1);  // start times are local times; this process needs no other zone
     tzset();
-    CopyCut(strLocalLog.szLogFile, inst_.lgc() + "trace.log");
-    strLocalLog.iLogLevel = 3;
     InitRootLists();
     ASSERT_EQ(InitQMAdminQueue(), 0);
   }
@@ -44,8 +42,6 @@ class TerminatingQueueTest : public ::testing::Test {
     UnlinkQueTriple(gAdminQueue);
     delete gAdminQueue;
     gAdminQueue = nullptr;
-    strLocalLog.szLogFile[0] = '\0';
-    strLocalLog.iLogLevel = 0;
   }
 
   static Queue* Terminating() { return gAdminQueue->TerminatingQueue.get(); }
@@ -72,11 +68,9 @@ class TerminatingQueueTest : public ::testing::Test {
     ProcessQMAdminQueue();
   }
   std::string File(const std::string& name) const { return inst_.root() + "/" + name; }
-  static bool Traced(const std::string& what) {
-    return ReadFile(strLocalLog.szLogFile).find(what) != std::string::npos;
-  }
 
   kdtest::TestInstance inst_;
+  kdtest::LocalTrace trace_{inst_, 3};
   kdtest::TestClock clock_;
   std::set<pid_t> pids_;
 };
@@ -89,7 +83,7 @@ TEST_F(TerminatingQueueTest, StagesWaitForTheMinimalRunTimeThenStopGracefullyThe
   ASSERT_TRUE(WaitFor([&] { return kdtest::Exists(File("up")); }, 10s));
   PassAt(299);
   EXPECT_EQ(job->iGracefullStopRequested, 0);
-  EXPECT_TRUE(Traced("[CTX:42] Job not expired yet. Minimal runtime not met"));
+  EXPECT_TRUE(trace_.Has("[CTX:42] Job not expired yet. Minimal runtime not met"));
 
   PassAt(300);
   EXPECT_EQ(job->GracefullStopRequestTimestamp, kStartUtc + 300);
@@ -99,10 +93,10 @@ TEST_F(TerminatingQueueTest, StagesWaitForTheMinimalRunTimeThenStopGracefullyThe
   EXPECT_EQ(JobGracefullStopPeriodExpired(job), 0);  // strictly greater, unlike the kill below
   clock_.Advance(1);
   EXPECT_EQ(JobGracefullStopPeriodExpired(job), 1);
-  EXPECT_FALSE(Traced("Job graceful stop timeout expired"));
+  EXPECT_FALSE(trace_.Has("Job graceful stop timeout expired"));
 
   PassAt(320);
-  EXPECT_TRUE(Traced("[CTX:42] Job graceful stop timeout expired - terminating job"));
+  EXPECT_TRUE(trace_.Has("[CTX:42] Job graceful stop timeout expired - terminating job"));
   ASSERT_TRUE(WaitFor(
       [&] {
         PassAt(321);  // reaps the job if SIGKILL did not end it at once
@@ -111,9 +105,7 @@ TEST_F(TerminatingQueueTest, StagesWaitForTheMinimalRunTimeThenStopGracefullyThe
       10s));
 }
 
-// The kill job's name and the words of a kill program's call are checked end
-// to end (e2e ReliabilityTest.StubbornJobsAndHangingOrFailingKillProgramsEndBySigkill);
-// here that it runs once only.
+// The kill job's name and words: also e2e ReliabilityTest; here that it runs once only.
 TEST_F(TerminatingQueueTest, CustomKillProgramRunsExactlyOnceWithTheJobsWholeCommand) {
   kdtest::WriteFile(File("kill.sh"), "#!/bin/sh\nprintf '%s\\n' \"$@\" >> " + File("kill_args") + "\n", 0755);
   Job* job = StartInTerminating("trap '' INT; while :; do sleep 0.05; done", 0, 20);

@@ -6,16 +6,15 @@
 
 #include <gtest/gtest.h>
 
-#include "cm_trace.h"
 #include "jobs/exit_log.h"
 #include "jobs/launch.h"
 #include "kd_test_support.h"
 #include "model/job.h"
+#include "test_trace.h"
 
 TEST(ExitLogTest, CreationAndEndGiveOneExactRecordEachAndNothingAtLevelZero) {
   kdtest::TestInstance inst;
-  CopyCut(strLocalLog.szLogFile, inst.lgc() + "trace.log");
-  strLocalLog.iLogLevel = 1;
+  kdtest::LocalTrace trace(inst, 1);
   SetKdQmExitLog("20260513");
   EXPECT_EQ(std::string(gszKdQmExitLog), inst.lgc() + "/kd_qm_exit_20260513.log");
   auto* job = new Job{};
@@ -45,6 +44,4 @@ TEST(ExitLogTest, CreationAndEndGiveOneExactRecordEachAndNothingAtLevelZero) {
                        "CTX:5;PID:4242;name:nightly;submit:2026-05-13 10:11:02;start:2026-05-13 10:12:00;Job exited "
                        "with status [exit code: 0];\"/opt/bin/backup\" -f x y;"}));
   gszKdQmExitLog[0] = '\0';
-  strLocalLog.szLogFile[0] = '\0';
-  strLocalLog.iLogLevel = 0;
 }

@@ -13,7 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include "cm_trace.h"
 #include "jobs/exit_log.h"
 #include "jobs/launch.h"
 #include "jobs/restart.h"
@@ -22,6 +21,7 @@
 #include "model/job.h"
 #include "protocol/globals.h"
 #include "test_clock.h"
+#include "test_trace.h"
 
 namespace {
 
@@ -32,8 +32,6 @@ using V = std::vector<std::string>;
 class JobProcessTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    CopyCut(strLocalLog.szLogFile, inst_.lgc() + "trace.log");
-    strLocalLog.iLogLevel = 3;
     SetKdQmExitLog("20260513");
     queue_.name = "q1";
     queue_.pCounter = &counter_;
@@ -52,8 +50,6 @@ class JobProcessTest : public ::testing::Test {
     }
     eQMOptions = 0;
     gszKdQmExitLog[0] = '\0';
-    strLocalLog.szLogFile[0] = '\0';
-    strLocalLog.iLogLevel = 0;
   }
 
   /// A job of the program; with a script its arguments are "-c" and the script.
@@ -94,13 +90,12 @@ class JobProcessTest : public ::testing::Test {
   }
 
   kdtest::TestInstance inst_;
+  kdtest::LocalTrace trace_{inst_, 3};
   Queue queue_;
   Counter counter_;
   std::set<pid_t> pids_;
 };
 
-// The end of a program that cannot be started (127) is in the exit log as
-// e2e SchedulingTest.PriorityOrderUnrunnableJobsAndPrioritySlots reads it.
 TEST_F(JobProcessTest, SignalDeathRestartsOnCode142ExecFailureEndsWith127AndFollowUpsGetTheCode) {
   Job* job = NewJob("/bin/sh", "kill -TERM $$");
   AddTail(&job->ListOfJobRestartConditions, NodeOf(new JobRestartCondition{{}, 142, 1, 0}));

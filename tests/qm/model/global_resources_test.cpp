@@ -4,19 +4,16 @@
 
 #include <gtest/gtest.h>
 
-#include "cm_trace.h"
-#include "kd_test_support.h"
 #include "model/elements.h"
 #include "model/global_resources.h"
 #include "model/triple.h"
+#include "test_trace.h"
 #include "model/elements.h"
 #include "model/job.h"
 
 TEST(GlobalResourceTest, AJobWaitsWhileANamedResourceIsUsedUp) {
   kdtest::TestInstance inst;
-  inst.write_debug_ini("KD_TEST=1\n");
-  str_log log;
-  v_set_log_main("kd_test.lgc", "KD_TEST", &log);
+  kdtest::ModuleTrace log(inst, 1);
   auto* job = new Job{};
   for (const char* n : {"tape", "undeclared"}) {
     auto* name = new GlobalResourceName{};
@@ -33,8 +30,7 @@ TEST(GlobalResourceTest, AJobWaitsWhileANamedResourceIsUsedUp) {
 
   UpdateOrCreateGlobalResource("tape", 1);
   EXPECT_EQ(tape->slots, 2);
-  EXPECT_NE(kdtest::ReadFile(log.szLogFile).find("Cannot decrease slots for tape. There are 2 users"),
-            std::string::npos);
+  EXPECT_TRUE(log.Has("Cannot decrease slots for tape. There are 2 users"));
   UpdateOrCreateGlobalResource("tape", 3);
   EXPECT_EQ(job_have_global_resources(job, &gGlobalResources), 1);
 
@@ -47,5 +43,4 @@ TEST(GlobalResourceTest, AJobWaitsWhileANamedResourceIsUsedUp) {
   EXPECT_EQ(tape->allocated, 2) << "a second release gives nothing back";
   DestroyJob(job);
   RemoveList(&gGlobalResources);
-  v_set_log_all_close(&log);
 }

@@ -63,8 +63,7 @@ TEST_F(JobTest, OptionsQuotedWordsLegacyGrammarAndTheLongestTexts) {
   EXPECT_EQ(job_->iPendingStateExitCode, -2);
   EXPECT_EQ(job_->stopJobExecutable, bin_.file("job.sh"));
   EXPECT_EQ(job_->file_name, "/bin/echo");
-  // The whole command and the start time of a job without -T are checked end
-  // to end (e2e SchedulingTest: the exit log and the listings).
+  // The whole command and no -T: in the exit log and the listings (e2e SchedulingTest).
   EXPECT_EQ(Args(job_), (Strings{"a", "b c", "d", "-x"}));
 
   ASSERT_NE(Create("-j q \"my tool.sh\" x"), nullptr) << error_;

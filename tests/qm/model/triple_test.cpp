@@ -6,12 +6,12 @@
 
 #include <gtest/gtest.h>
 
-#include "cm_trace.h"
 #include "jobs/removal.h"
 #include "kd_test_support.h"
 #include "model/elements.h"
 #include "model/triple.h"
 #include "protocol/globals.h"
+#include "test_trace.h"
 
 namespace {
 
@@ -19,14 +19,9 @@ using Items = std::vector<std::string>;  // "share|resource|server" each
 
 class QueueModelTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    inst_.write_debug_ini("KD_TEST=1\n");
-    v_set_log_main("kd_test.lgc", "KD_TEST", &rec_);
-    InitRootLists();
-  }
+  void SetUp() override { InitRootLists(); }
   void TearDown() override {
     for (QueueTriple* t : Elements<QueueTriple>(Root)) RemoveQueTriple(&Root, t);
-    v_set_log_all_close(&rec_);
   }
   static Items ResourceList(QueueTriple* triple, const char* request) {
     List list{nullptr, nullptr, JobPreferredResources};
@@ -40,7 +35,7 @@ class QueueModelTest : public ::testing::Test {
   }
 
   kdtest::TestInstance inst_;
-  str_log rec_;
+  kdtest::ModuleTrace log_{inst_, 1};
 };
 
 // The look-up follows Root through creation, removal, unlinking and
@@ -80,8 +75,7 @@ TEST_F(QueueModelTest, LookUpByNameFollowsRoot) {
   LinkQueTriple(cut);
 }
 
-// How a resource queue's name splits into share, resource and server shows in
-// the views (e2e QueueRequestsTest.InitAndReInitOfTriplesAndEveryViewOfThem).
+// A resource queue's name split into share, resource and server: e2e QueueRequestsTest.
 TEST_F(QueueModelTest, ResourceRequests) {
   // The first item ends at a comma, every later one at a blank.
   EXPECT_EQ(ResourceList(nullptr, ""), Items{"||"});
@@ -92,9 +86,7 @@ TEST_F(QueueModelTest, ResourceRequests) {
   iContext = 17;
   EXPECT_EQ(ResourceList(t, "d1@srvA,d2@srvB"), (Items{"|d1|@srvA", "|d2|"}));
   iContext = 0;
-  EXPECT_NE(kdtest::ReadFile(rec_.szLogFile)
-                .find("[CTX:17] WARNING: Requested server not found in given queue -> ignore server @srvB"),
-            std::string::npos);
+  EXPECT_TRUE(log_.Has("[CTX:17] WARNING: Requested server not found in given queue -> ignore server @srvB"));
 }
 
 TEST_F(QueueModelTest, JobLimitChangeKeepsTheShareOfRunningJobs) {
