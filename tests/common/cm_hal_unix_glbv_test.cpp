@@ -1,6 +1,5 @@
 // Global variables: read, write, delete and list services, the cut of long
 // values, bad names and directories, and concurrent writers.
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,11 +12,14 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "cm_common.h"
 #include "cm_hal_unix.h"
-#include "cm_trace.h"
 #include "kd_test_support.h"
+#include "test_trace.h"
 
+using kdtest::CaptureFd;
 using kdtest::Exists;
 using kdtest::ReadFile;
 using kdtest::WriteFile;
@@ -40,19 +42,10 @@ class GlbvTest : public ::testing::Test {
     return buffer;
   }
   std::string FileOf(const std::string& name) const { return inst_.glbv_dir() + name + ".sgv"; }
-  // Points gv_rw_glbv at another directory and forgets the one in use.
-  void MoveGlbvDir(const std::string& dir) {
-    std::string ini = ReadFile(inst_.kd_ini());
-    ini.replace(ini.find(inst_.glbv_dir()), inst_.glbv_dir().size(), dir);
-    WriteFile(inst_.kd_ini(), ini);
-  }
   std::string TraceOf(const std::function<void()>& fn) {
-    inst_.write_debug_ini("KD_TEST=0\n");
-    str_log log;
-    v_set_log_main("kd_test.lgc", "KD_TEST", &log);
+    kdtest::ModuleTrace log(inst_, 0);
     fn();
-    v_set_log_all_close(&log);
-    return ReadFile(log.szLogFile);
+    return log.Text();
   }
 
   kdtest::TestInstance inst_;
@@ -141,8 +134,8 @@ TEST_F(GlbvTest, DeleteRemovesByNameOrByPatternAndAge) {
   EXPECT_FALSE(Exists(FileOf("job_new")) || Exists(FileOf("other_old")));
   EXPECT_TRUE(Exists(FileOf("job_mid")));
   inst_.write_glbv("job_empty", "");
-  EXPECT_EQ(kdtest::CaptureFd(1, [&] { EXPECT_EQ(Glbv('l', "job_*", "keep"), "keep"); }), "job_empty\njob_mid\n");
-  EXPECT_EQ(kdtest::CaptureFd(1, [&] { Glbv('L', "job_?mpty|job_mid", ""); }),
+  EXPECT_EQ(CaptureFd(1, [&] { EXPECT_EQ(Glbv('l', "job_*", "keep"), "keep"); }), "job_empty\njob_mid\n");
+  EXPECT_EQ(CaptureFd(1, [&] { Glbv('L', "job_?mpty|job_mid", ""); }),
             "job_empty=?? GLBV job_empty not existing\njob_mid=v\n");
 }
 
@@ -156,12 +149,14 @@ TEST_F(GlbvTest, MissingOrUnwritableDirectoryAnswers) {
   inst_.write_kd_ini();
   EXPECT_EQ(Glbv('w', "v", "x"), "x");
 
-  MoveGlbvDir(inst_.root() + "/nodir/");
+  // gv_rw_glbv names a directory that does not exist.
+  std::string ini = ReadFile(inst_.kd_ini());
+  WriteFile(inst_.kd_ini(), ini.replace(ini.find(inst_.glbv_dir()), inst_.glbv_dir().size(), inst_.root() + "/nodir/"));
   glbv_forget_directory();
   const std::string text = TraceOf([&] {
     EXPECT_EQ(Glbv('w', "v", "x"), "?? GLBV v cannot be created: No such file or directory");
     EXPECT_EQ(Glbv('r', "v"), "?? GLBV v not existing");
-    EXPECT_EQ(kdtest::CaptureFd(1, [&] { Glbv('L', "*", ""); }), "");
+    EXPECT_EQ(CaptureFd(1, [&] { Glbv('L', "*", ""); }), "");
     EXPECT_EQ(Glbv('d', "*", "0"), "0");
   });
   EXPECT_NE(text.find("Error: glbv() write " + inst_.root() + "/nodir/v.sgv.tmp failed: No such file or directory (2)\n"),
@@ -174,40 +169,30 @@ TEST_F(GlbvTest, MissingOrUnwritableDirectoryAnswers) {
 TEST_F(GlbvTest, ConcurrentWritersNeverShowAPartialValue) {
   const std::vector<std::string> values = {"a", std::string(100, 'b'), std::string(300, 'c'), "dddd-dddd"};
   EXPECT_EQ(Glbv('w', "shared", values[0]), values[0]);
-  // Kills and reaps whatever is still running when the test ends early.
-  struct Children {
-    std::vector<pid_t> pids;
-    ~Children() {
-      for (pid_t p : pids) kill(p, SIGKILL), waitpid(p, nullptr, 0);
-    }
-  } kids;
+  std::set<pid_t> writers;
   for (const std::string& value : values) {
     const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
     if (pid == 0) {
       for (int n = 0; n < 400; ++n)
         if (Glbv('w', "shared", value)[0] == '?') _exit(2);
       _exit(0);
     }
-    kids.pids.push_back(pid);
+    if (pid > 0) writers.insert(pid);
   }
+  // Reads as fast as possible until the writers have ended, under a deadline.
   const std::set<std::string> allowed(values.begin(), values.end());
-  // Reads as fast as possible while the writers run, under a deadline.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!kids.pids.empty() && std::chrono::steady_clock::now() < deadline) {
+  for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+       !writers.empty() && std::chrono::steady_clock::now() < end;) {
     const std::string got = Glbv('r', "shared");
-    ASSERT_EQ(allowed.count(got), 1u) << "[" << got << "]";
+    EXPECT_EQ(allowed.count(got), 1u) << "[" << got << "]";
     int status = 0;
-    for (auto it = kids.pids.begin(); it != kids.pids.end();) {
-      if (waitpid(*it, &status, WNOHANG) != *it) {
-        ++it;
-        continue;
-      }
-      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-      it = kids.pids.erase(it);
-    }
+    const pid_t ended = waitpid(-1, &status, WNOHANG);
+    if (ended <= 0) continue;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    writers.erase(ended);
   }
-  EXPECT_TRUE(kids.pids.empty());
+  EXPECT_TRUE(writers.empty());
+  for (pid_t p : writers) kill(p, SIGKILL), waitpid(p, nullptr, 0);
   EXPECT_FALSE(Exists(FileOf("shared") + ".tmp"));
 }
 

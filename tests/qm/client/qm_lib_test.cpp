@@ -1,12 +1,6 @@
 // The client library: command words, the command line, and the request and
 // answer pipes against a stand-in daemon; the front end's help and arguments.
-#include "client/kd_qm_front.h"
-#include "client/qm_lib.h"
-#include "kd_test_support.h"
-#include "protocol/request.h"
-
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -15,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <mutex>
@@ -23,10 +18,15 @@
 #include <tuple>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "client/kd_qm_front.h"
+#include "client/qm_lib.h"
+#include "kd_test_support.h"
+
 using namespace std::chrono_literals;
 using kdtest::CaptureFd;
 using kdtest::Exists;
-using kdtest::WaitFor;
 using V = std::vector<std::string>;
 
 namespace {
@@ -93,10 +93,10 @@ class FakeDaemon {
           lines_.push_back(line);
         }
         const V pieces = responder_(line);
-        const long pid = std::strtol(line.c_str() + line.find(' '), nullptr, 10);
-        const std::string pipe = com_ + "from_qm_pipe" + std::to_string(pid);
+        const std::string pipe = com_ + "from_qm_pipe" + std::to_string(std::atol(line.c_str() + line.find(' ')));
         int fd = -1;
-        if (pieces.empty() || !WaitFor([&] { return (fd = ::open(pipe.c_str(), O_WRONLY | O_NONBLOCK)) >= 0; }, 2s))
+        if (pieces.empty() ||
+            !kdtest::WaitFor([&] { return (fd = ::open(pipe.c_str(), O_WRONLY | O_NONBLOCK)) >= 0; }, 2s))
           continue;
         for (const std::string& piece : pieces) (void)!::write(fd, piece.data(), piece.size());
         ::close(fd);
@@ -112,8 +112,6 @@ class FakeDaemon {
   V lines_;
   std::thread thread_;
 };
-
-std::string own_pid() { return std::to_string(getpid()); }
 
 }  // namespace
 
@@ -183,7 +181,7 @@ class QmLibClientTest : public ::testing::Test {
     alarm(0);
   }
   /// Sends, reads the whole answer; the return code and what was printed.
-  std::pair<int, std::string> RoundTrip(int mode, const char* args) {
+  static std::pair<int, std::string> RoundTrip(int mode, const char* args) {
     int code = -7;
     const std::string out = CaptureFd(1, [&] {
       if (qm_lib_send_cmd(mode, args, ignore_alarm, 0) == 0) code = qm_lib_get_answer(0);
@@ -193,8 +191,10 @@ class QmLibClientTest : public ::testing::Test {
   }
 
   kdtest::TestInstance inst;
+  const std::string pid = std::to_string(getpid());
 };
 
+// Plain requests and answers of kd_qm: e2e KdQmProgramTest; here what a daemon never sends.
 TEST_F(QmLibClientTest, RequestLinesAnswerPipeReturnDigitsAndTimeoutsAgainstADaemon) {
   FakeDaemon daemon(inst.qm(), [](const std::string& line) -> V {
     const std::string mode = line.substr(0, line.find(' '));
@@ -207,7 +207,6 @@ TEST_F(QmLibClientTest, RequestLinesAnswerPipeReturnDigitsAndTimeoutsAgainstADae
     if (mode == "5") return {"9oops\n"};
     return {""};
   });
-  const std::string pid = own_pid();
 
   // The answer pipe is a FIFO of 0770 made under a restored umask and gone
   // after close; the signal mask is left as it was and the alarm cancelled.
@@ -230,13 +229,12 @@ TEST_F(QmLibClientTest, RequestLinesAnswerPipeReturnDigitsAndTimeoutsAgainstADae
   EXPECT_FALSE(Exists(from_qm));
 
   // The return digit and the answer text as it came, a line end added.
-  EXPECT_EQ(RoundTrip(queue_sho, "  q1  "),
-            std::make_pair(1, std::string("STATUS=WARNING MSG=A queue with name [q1] does not exist\n")));
-  EXPECT_EQ(RoundTrip(queue_block, "q1"),
-            std::make_pair(2, std::string("STATUS=ERROR MSG=first half\nlisting line without end\n")));
-  EXPECT_EQ(RoundTrip(queue_delete, "q1"),
-            std::make_pair(2, std::string("STATUS=ERROR MSG=got unknown exit state: 55\nSTATUS=SUCCESS MSG=odd\n")));
-  EXPECT_EQ(RoundTrip(queue_start, "q1"), std::make_pair(-1, std::string())) << "no status byte at all";
+  for (const auto& [mode, args, digit, text] : std::vector<std::tuple<int, const char*, int, std::string>>{
+           {queue_sho, "  q1  ", 1, "STATUS=WARNING MSG=A queue with name [q1] does not exist\n"},
+           {queue_block, "q1", 2, "STATUS=ERROR MSG=first half\nlisting line without end\n"},
+           {queue_delete, "q1", 2, "STATUS=ERROR MSG=got unknown exit state: 55\nSTATUS=SUCCESS MSG=odd\n"},
+           {queue_start, "q1", -1, ""}})  // no status byte at all
+    EXPECT_EQ(RoundTrip(mode, args), std::make_pair(digit, text)) << mode;
   EXPECT_EQ(daemon.lines(), (V{"26 " + pid + " \n", "14 " + pid + " q1\n", "1 " + pid + " q1\n", "2 " + pid + " q1\n",
                                "4 " + pid + " q1\n"}));
 
@@ -271,12 +269,9 @@ TEST_F(QmLibClientTest, RequestLinesAnswerPipeReturnDigitsAndTimeoutsAgainstADae
   EXPECT_TRUE(gErrors.empty());
 }
 
-TEST_F(QmLibClientTest, PipeNamesAndADaemonThatDoesNotReadOrNeverAnswers) {
-  EXPECT_EQ(std::string(to_qm), inst.qm() + "com/to_qm_pipe");
-  EXPECT_EQ(std::string(from_qm), inst.qm() + "com/from_qm_pipe" + own_pid());
-
-  // A request pipe without a reader fails after about two seconds. No request pipe
-  // at all is covered end to end (e2e KdQmProgramWithoutDaemonTest).
+// Pipe names, no request pipe and no gv_rw_qm: e2e KdQmProgramWithoutDaemonTest.
+TEST_F(QmLibClientTest, ADaemonThatDoesNotReadOrNeverAnswers) {
+  // A request pipe without a reader fails after about two seconds.
   const mode_t old = umask(0);
   ASSERT_EQ(::mkfifo(to_qm, 0770), 0);
   umask(old);
@@ -309,12 +304,9 @@ TEST_F(QmLibClientTest, PipeNamesAndADaemonThatDoesNotReadOrNeverAnswers) {
     EXPECT_EQ(gErrors, V{text});
     EXPECT_FALSE(Exists(from_qm));
   }
-
-  kdtest::WriteFile(inst.kd_ini(), "[Pathes]\ngv_rw_lgc=" + inst.lgc() + "\n");
-  EXPECT_EQ(qm_lib_init(record_error, record_usage, 0), 1) << "no gv_rw_qm";
 }
 
-TEST(KdQmFrontEnd, HelpListsEveryCommandWordWhichYieldsItsMode) {
+TEST(KdQmFrontEnd, HelpListsEveryCommandWordWhichYieldsItsModeAndArgumentsKeepTheirWords) {
   reset_callbacks();
   const std::string help = CaptureFd(1, [] {
     kd_qm_print_help(stdout);
@@ -325,9 +317,7 @@ TEST(KdQmFrontEnd, HelpListsEveryCommandWordWhichYieldsItsMode) {
     EXPECT_EQ(iGET_COMMAND_CODE(c.word, nullptr, 9, nullptr), c.mode) << c.word;
     EXPECT_NE(help.find(std::string("\n  ") + c.word + " "), std::string::npos) << c.word;
   }
-}
 
-TEST(KdQmFrontEnd, ArgumentsKeepTheirWords) {
   std::string a = "q1", b = "a b", c, d = "-T", e = "now";
   char* words[] = {a.data(), b.data(), c.data(), d.data(), e.data()};
   EXPECT_EQ(kd_qm_join_arguments(5, words, 0), "q1 \"a b\" \"\" -T now");

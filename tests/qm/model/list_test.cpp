@@ -1,13 +1,13 @@
 // The intrusive lists: exact link updates (including the tolerated misuse of
 // AddHead), removal at the ends, copying, walks that free the current node.
-#include "model/elements.h"
-#include "model/list.h"
-#include "model/records.h"
-
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "model/elements.h"
+#include "model/list.h"
+#include "model/records.h"
 
 namespace {
 

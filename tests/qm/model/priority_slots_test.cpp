@@ -1,14 +1,12 @@
 // Priority slots: level choice, allocation and release, list updates, and
 // the "-p" options of the job-limit request.
-#include "cm_common.h"
-#include "model/list.h"
-#include "model/priority_slots.h"
-#include "model/records.h"
-#include "protocol/request.h"
-
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "cm_common.h"
+#include "model/priority_slots.h"
+#include "protocol/request.h"
 
 namespace {
 

@@ -6,14 +6,12 @@
 
 #include <gtest/gtest.h>
 
-#include "cm_trace.h"
 #include "jobs/removal.h"
 #include "kd_test_support.h"
 #include "model/elements.h"
-#include "model/list.h"
-#include "model/records.h"
 #include "model/triple.h"
 #include "protocol/globals.h"
+#include "test_trace.h"
 
 namespace {
 
@@ -21,14 +19,9 @@ using Items = std::vector<std::string>;  // "share|resource|server" each
 
 class QueueModelTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    inst_.write_debug_ini("KD_TEST=1\n");
-    v_set_log_main("kd_test.lgc", "KD_TEST", &rec_);
-    InitRootLists();
-  }
+  void SetUp() override { InitRootLists(); }
   void TearDown() override {
     for (QueueTriple* t : Elements<QueueTriple>(Root)) RemoveQueTriple(&Root, t);
-    v_set_log_all_close(&rec_);
   }
   static Items ResourceList(QueueTriple* triple, const char* request) {
     List list{nullptr, nullptr, JobPreferredResources};
@@ -42,7 +35,7 @@ class QueueModelTest : public ::testing::Test {
   }
 
   kdtest::TestInstance inst_;
-  str_log rec_;
+  kdtest::ModuleTrace log_{inst_, 1};
 };
 
 // The look-up follows Root through creation, removal, unlinking and
@@ -54,10 +47,8 @@ TEST_F(QueueModelTest, LookUpByNameFollowsRoot) {
   QueueTriple* cut = CreateQueTriple(long_name, "", nullptr, nullptr, nullptr);
   EXPECT_EQ(FindQueTriple("a"), a);
   EXPECT_EQ(FindQueTriple("b"), b);
-  EXPECT_EQ(FindQueTriple(""), nullptr);
-  EXPECT_EQ(FindQueTriple("A"), nullptr);
-  EXPECT_EQ(FindQueTriple("a "), nullptr);
-  EXPECT_EQ(FindQueTriple(long_name), nullptr);
+  for (const std::string& miss : {std::string(), std::string("A"), std::string("a "), long_name})
+    EXPECT_EQ(FindQueTriple(miss), nullptr) << miss.size();
   EXPECT_EQ(FindQueTriple(long_name.substr(0, 1023)), cut);
 
   RemoveQueTriple(&Root, a);
@@ -84,13 +75,8 @@ TEST_F(QueueModelTest, LookUpByNameFollowsRoot) {
   LinkQueTriple(cut);
 }
 
-TEST_F(QueueModelTest, ResourceSpecificationsAndRequests) {
-  std::string share, resource, server;
-  getResourceNames("tape_drive1@srvA", &share, &resource, &server);
-  EXPECT_EQ(share + "|" + resource + "|" + server, "tape|drive1|@srvA");
-  getResourceNames("a_b_c", &share, &resource, &server);
-  EXPECT_EQ(share + "|" + resource + "|" + server, "a_b|c|");
-
+// A resource queue's name split into share, resource and server: e2e QueueRequestsTest.
+TEST_F(QueueModelTest, ResourceRequests) {
   // The first item ends at a comma, every later one at a blank.
   EXPECT_EQ(ResourceList(nullptr, ""), Items{"||"});
   EXPECT_EQ(ResourceList(nullptr, "a,b,c"), (Items{"|a|", "|b,c|"}));
@@ -100,9 +86,7 @@ TEST_F(QueueModelTest, ResourceSpecificationsAndRequests) {
   iContext = 17;
   EXPECT_EQ(ResourceList(t, "d1@srvA,d2@srvB"), (Items{"|d1|@srvA", "|d2|"}));
   iContext = 0;
-  EXPECT_NE(kdtest::ReadFile(rec_.szLogFile)
-                .find("[CTX:17] WARNING: Requested server not found in given queue -> ignore server @srvB"),
-            std::string::npos);
+  EXPECT_TRUE(log_.Has("[CTX:17] WARNING: Requested server not found in given queue -> ignore server @srvB"));
 }
 
 TEST_F(QueueModelTest, JobLimitChangeKeepsTheShareOfRunningJobs) {

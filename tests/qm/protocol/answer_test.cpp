@@ -1,14 +1,5 @@
 // Answer writing through real FIFOs: the answer pipe's opening, pipe_printf,
 // the forked one-shot answer and the multi-part answer.
-#include "cm_common.h"
-#include "daemon_fixture.h"
-#include "kd_test_support.h"
-#include "model/records.h"
-#include "protocol/answer.h"
-#include "protocol/globals.h"
-#include "protocol/request.h"
-#include "views/listing.h"
-
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +10,11 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+
+#include "daemon_fixture.h"
+#include "protocol/answer.h"
+#include "protocol/globals.h"
+#include "views/listing.h"
 
 namespace {
 
@@ -33,20 +29,13 @@ class AnswerTest : public ::testing::Test {
     CopyCut(qmd_from_qm, "");
   }
   void TearDown() override { CopyCut(gszQmDir, ""); }
-  /// A valid peer of the pid.
-  static HPEER Peer(long pid, bool valid = true) {
-    HPEER peer;
-    peer.PID = pid;
-    peer.valid = valid;
-    return peer;
-  }
 
   kdtest::TestInstance instance_;
 };
 
 TEST_F(AnswerTest, OneShotAnswerIsWrittenByAChildCutAtTheFormatLengthPlus1024) {
   RawClient client(instance_.qm(), 4711);
-  HPEER peer = Peer(4711, false);
+  HPEER peer{false, 4711};
   EXPECT_EQ(answer(&peer, KD_SUCCESS, "STATUS=SUCCESS MSG=x\n"), 0) << "a peer that is not valid gets no child";
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);
@@ -94,7 +83,7 @@ TEST_F(AnswerTest, PipeIsOpenedCloseOnExecAndPipePrintfWritesEverythingASlowRead
 TEST_F(AnswerTest, MultiPartAnswerOpensOnceWritesPartsAndClosesWithTheLastPart) {
   RawClient client(instance_.qm(), 4716);
   ASSERT_TRUE(client.CreatePipe() && client.OpenForAnswer());
-  HPEER peer = Peer(4716);
+  HPEER peer{true, 4716};
   answer_wildcard(&peer, KD_WARNING, "first;", nullptr, ' ');
   EXPECT_EQ(peer.iStatusFlag, 1);
   answer_wildcard(&peer, KD_ERROR, "second;", nullptr, ' ');  // the digit of the first part stays
@@ -108,10 +97,10 @@ TEST_F(AnswerTest, MultiPartAnswerOpensOnceWritesPartsAndClosesWithTheLastPart) 
   EXPECT_EQ(a.text, "1first;second;STATUS=SUCCESS MSG=ok\n");
 
   // An invalid peer is not answered; a vanished one is reported once and the parts go nowhere.
-  HPEER invalid = Peer(4717, false);
+  HPEER invalid{false, 4717};
   answer_wildcard(&invalid, KD_SUCCESS, "x", nullptr, ' ');
   EXPECT_EQ(invalid.iStatusFlag, 0);
-  HPEER gone = Peer(4718);  // no pipe at all
+  HPEER gone{true, 4718};  // no pipe at all
   const std::string err = kdtest::CaptureFd(2, [&] {
     answer_wildcard(&gone, KD_SUCCESS, "part", nullptr, ' ');
     answer_wildcard(&gone, KD_SUCCESS, "more", nullptr, ' ');

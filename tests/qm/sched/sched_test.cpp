@@ -1,29 +1,27 @@
 // The scheduling pass on real triples with tiny real jobs (/bin/true): the
 // allocation modes, queues of weight 0, lazy jobs, the weighted random
 // order, and walks over triples at rest.
-#include "cm_common.h"
-#include "cm_trace.h"
-#include "jobs/exit_log.h"
-#include "jobs/launch.h"
-#include "jobs/removal.h"
-#include "kd_test_support.h"
-#include "model/entry_pool.h"
-#include "model/job.h"
-#include "model/list.h"
-#include "model/records.h"
-#include "model/triple.h"
-#include "sched/pass.h"
-#include "sched/selection.h"
-
 #include <signal.h>
 #include <sys/wait.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "jobs/exit_log.h"
+#include "jobs/launch.h"
+#include "jobs/removal.h"
+#include "kd_test_support.h"
+#include "model/entry_pool.h"
+#include "model/job.h"
+#include "model/triple.h"
+#include "sched/pass.h"
+#include "sched/selection.h"
+#include "test_trace.h"
 
 namespace {
 
@@ -33,8 +31,6 @@ using Strings = std::vector<std::string>;
 class SchedTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    CopyCut(strLocalLog.szLogFile, inst_.lgc() + "trace.log");
-    strLocalLog.iLogLevel = 3;
     SetKdQmExitLog("20260101");
     InitRootLists();
     UnsettleQueTriples();
@@ -49,8 +45,6 @@ class SchedTest : public ::testing::Test {
     }
     QmEntry_destroy();
     gszKdQmExitLog[0] = '\0';
-    strLocalLog.szLogFile[0] = '\0';
-    strLocalLog.iLogLevel = 0;
   }
   /// Kills a started job's group, reaps it and destroys the record.
   static void Reap(Job* job) {
@@ -86,33 +80,23 @@ class SchedTest : public ::testing::Test {
     for (Job* job : Elements<Job>(jobs)) out.push_back(job->job_name.c_str());
     return out;
   }
-  bool TraceHas(const std::string& text) const {
-    return kdtest::ReadFile(strLocalLog.szLogFile).find(text) != std::string::npos;
-  }
 
   kdtest::TestInstance inst_;
+  kdtest::LocalTrace trace_{inst_, 3};
   int entries_ = 0;
 };
 
 // Per mode: the allocation when the last job has ended, then what an "idle"
 // call does with a job of another allocation.
 TEST_F(SchedTest, AllocationModes) {
-  struct Row {
-    AllocationMode mode;
-    int allocated_after_end;
-    const char* allocate_after_end;
-    bool started;
-    const char* allocate_after_idle;
-  };
-  const Row rows[] = {{e_allocation_occupied, 1, "X", true, "Y"},
-                      {e_allocation_permanent, 0, "X", false, "X"},
-                      {e_allocation_volatile, 0, "X", false, "*"},
-                      {e_allocation_ignore, 0, "", true, "Y"}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(szAllocationMode(row.mode));
+  for (const auto& [mode, allocated_after_end, allocate_after_end, started, allocate_after_idle] :
+       std::vector<std::tuple<AllocationMode, int, const char*, bool, const char*>>{
+           {e_allocation_occupied, 1, "X", true, "Y"}, {e_allocation_permanent, 0, "X", false, "X"},
+           {e_allocation_volatile, 0, "X", false, "*"}, {e_allocation_ignore, 0, "", true, "Y"}}) {
+    SCOPED_TRACE(szAllocationMode(mode));
     QueueTriple* t = Triple("a", 1);
     Queue* q = FindResourceQue(t, "a");
-    q->eAllocMode = row.mode;
+    q->eAllocMode = mode;
     q->allocate = "X";
     q->isAllocated = 1;
     q->eState = running;
@@ -126,19 +110,16 @@ TEST_F(SchedTest, AllocationModes) {
         },
         5s));
     EXPECT_EQ(q->eState, idle);
-    EXPECT_EQ(q->isAllocated, row.allocated_after_end);
-    EXPECT_EQ(q->allocate.view(), row.allocate_after_end);
+    EXPECT_EQ(q->isAllocated, allocated_after_end);
+    EXPECT_EQ(q->allocate.view(), allocate_after_end);
 
     Job* other = Add(&t->PendingQue, NewJob(0, "Y"));
     check_que_and_pending_jobs(NodeOf(q), t, const_cast<char*>(kSelectIdle));
-    EXPECT_EQ(q->ListOfJobs.Head == NodeOf(other), row.started);
-    EXPECT_EQ(q->allocate.view(), row.allocate_after_idle);
+    EXPECT_EQ(q->ListOfJobs.Head == NodeOf(other), started);
+    EXPECT_EQ(q->allocate.view(), allocate_after_idle);
   }
 }
 
-// A queue of weight 0 in a triple with weight takes only jobs that name it;
-// a lazy job naming it is released to any resource instead. A stopped
-// queue releases two lazy jobs per call at most.
 // Once a walk has found every triple at rest and no job exists, walks skip
 // until a request unsettles the triples; a job that exists is always served.
 TEST_F(SchedTest, WalksOverTriplesAtRestSkipUntilUnsettledOrAJobExists) {
@@ -166,6 +147,9 @@ TEST_F(SchedTest, WalksOverTriplesAtRestSkipUntilUnsettledOrAJobExists) {
   EXPECT_FALSE(TripleAtRest(t));
 }
 
+// A queue of weight 0 in a triple with weight takes only jobs that name it;
+// a lazy job naming it is released to any resource instead. A stopped
+// queue releases two lazy jobs per call at most.
 TEST_F(SchedTest, WeightZeroQueueAndLazyJobs) {
   QueueTriple* t = Triple("a/b", 1);
   Queue* a = FindResourceQue(t, "a");
@@ -183,16 +167,15 @@ TEST_F(SchedTest, WeightZeroQueueAndLazyJobs) {
   EXPECT_EQ(t->PendingQue.Head, NodeOf(lazy));
   EXPECT_FALSE(lazy->bLazy);
   EXPECT_EQ(lazy->s_preferredResource.i_resourceType, e_prt_arbitrary);
-  EXPECT_TRUE(TraceHas("==> set preferred resource to any '*'"));
+  EXPECT_TRUE(trace_.Has("==> set preferred resource to any '*'"));
 
   a->eState = stopped;
   a->bJobRequest = true;
   std::vector<Job*> jobs;
   for (int i = 0; i < 3; ++i) (jobs.emplace_back(Add(&t->PendingQue, NewJob(0, "", "a"))))->bLazy = true;
   check_que_and_pending_jobs(NodeOf(a), t, const_cast<char*>(kSelectIdle));
-  EXPECT_EQ((Strings{std::to_string(jobs[0]->bLazy), std::to_string(jobs[1]->bLazy), std::to_string(jobs[2]->bLazy)}),
-            (Strings{"0", "0", "1"}));
-  EXPECT_TRUE(TraceHas("--- check_que_and_pending_jobs: queue a is not running"));
+  EXPECT_EQ((std::vector<bool>{jobs[0]->bLazy, jobs[1]->bLazy, jobs[2]->bLazy}), (std::vector<bool>{false, false, true}));
+  EXPECT_TRUE(trace_.Has("--- check_que_and_pending_jobs: queue a is not running"));
 }
 
 void Record(Node* queue, void* out, void*) {
@@ -220,8 +203,8 @@ TEST_F(SchedTest, WeightedRandomOrderFollowsTheSeededGenerator) {
   Strings order;
   WalkRandomExecQueues(zero, Record, &order, nullptr);
   EXPECT_EQ(order.size(), 3u);
-  EXPECT_TRUE(TraceHas("-> Use count of resources for random range [0.0..3.00]"));
-  EXPECT_TRUE(TraceHas("check range for resource x [0.00..1.00] (weight 1.00)"));
+  EXPECT_TRUE(trace_.Has("-> Use count of resources for random range [0.0..3.00]"));
+  EXPECT_TRUE(trace_.Has("check range for resource x [0.00..1.00] (weight 1.00)"));
 }
 
 }  // namespace

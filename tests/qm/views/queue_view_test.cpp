@@ -1,18 +1,19 @@
 // The wildcard rule, the job lines and blocks of the listings, and the time
 // predicates behind holding-queue order and expiry.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <ctime>
 #include <functional>
 #include <string>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
 
 #include "model/elements.h"
 #include "model/global_resources.h"
 #include "model/job.h"
-#include "model/list.h"
-#include "model/records.h"
 #include "model/triple.h"
 #include "views/job_view.h"
 #include "views/listing.h"
@@ -40,20 +41,14 @@ QMTime Local(time_t t) {
 }
 
 TEST(WildcardTest, OneEffectiveStarAndTheFirstOccurrenceRule) {
-  EXPECT_EQ(iStrWildcard("disk1", "disk1"), 1);
-  EXPECT_EQ(iStrWildcard("disk1", "disk"), 0);
-  EXPECT_EQ(iStrWildcard("anything", "*"), 1);
-  EXPECT_EQ(iStrWildcard("", "*"), 1);
-  EXPECT_EQ(iStrWildcard("disk1", "disk*"), 1);
-  EXPECT_EQ(iStrWildcard("disk", "disk*"), 1);
-  EXPECT_EQ(iStrWildcard("a_full", "*_full"), 1);
-  EXPECT_EQ(iStrWildcard("a_full_b", "*_full"), 0);
-  EXPECT_EQ(iStrWildcard("abab", "*ab"), 0);  // "ab" first occurs at the start
-  EXPECT_EQ(iStrWildcard("xab", "x*ab"), 1);
-  EXPECT_EQ(iStrWildcard("ab", "ab*b"), 1);    // the two fields may overlap
-  EXPECT_EQ(iStrWildcard("q1_", "q*_*y"), 1);  // only two fields count: "y" is ignored
-  EXPECT_EQ(iStrWildcard("q1_y", "q*_*y"), 0);
-  EXPECT_EQ(iStrWildcard("p1_", "q*_"), 0);
+  for (const auto& [text, pattern, match] : std::vector<std::tuple<const char*, const char*, int>>{
+           {"disk1", "disk1", 1}, {"disk1", "disk", 0}, {"anything", "*", 1}, {"", "*", 1}, {"disk1", "disk*", 1},
+           {"disk", "disk*", 1}, {"a_full", "*_full", 1}, {"a_full_b", "*_full", 0},
+           {"abab", "*ab", 0},  // "ab" first occurs at the start
+           {"xab", "x*ab", 1}, {"ab", "ab*b", 1},       // the two fields may overlap
+           {"q1_", "q*_*y", 1}, {"q1_y", "q*_*y", 0},  // only two fields count: "y" is ignored
+           {"p1_", "q*_", 0}})
+    EXPECT_EQ(iStrWildcard(text, pattern), match) << text << " " << pattern;
 }
 
 // Two jobs: a running one on a preferred resource with share and server, and
