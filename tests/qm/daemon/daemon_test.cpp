@@ -80,7 +80,8 @@ TEST_F(DaemonUnitTest, SplittingTakesModePidNameResourceAndTheArgumentsByMode) {
   EXPECT_NE(TraceLog().find("Warning: WARNING: no function read"), std::string::npos);
 }
 
-// The lock's release and a shutdown with queues are covered end to end (DaemonStartTest).
+// The lock's release and a shutdown with queues are covered end to end
+// (DaemonStartTest, QueueShutdownTest).
 TEST_F(DaemonUnitTest, ShutdownRequestWithoutQueuesRemovesThePipeAndReturnsTwo) {
   ASSERT_EQ(CreateRequestPipe(), 0);
   kdtest::RawClient client(instance_.qm(), 503);
